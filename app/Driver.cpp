@@ -1,0 +1,7 @@
+#include "Driver.h"
+
+namespace NDriver {
+
+int main(int, char**) { return 0; }
+
+}  // namespace NDriver

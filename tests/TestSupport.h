@@ -1,0 +1,46 @@
+// Helpers shared by the test suites: scratch folders, small images on disk and
+// running the built executables.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "CTensor.h"
+
+namespace NTest {
+
+// A fresh folder below the system's temporary folder, removed on destruction.
+class CScratchDir {
+public:
+  CScratchDir();
+  ~CScratchDir();
+  CScratchDir(const CScratchDir&) = delete;
+  CScratchDir& operator=(const CScratchDir&) = delete;
+  const std::string& path() const { return mPath; }
+  std::string file(const std::string& aName) const { return mPath + "/" + aName; }
+
+private:
+  std::string mPath;
+};
+
+struct CRunResult {
+  int status = -1;     // exit status, or -1 when ended by a signal
+  int signal = 0;      // the signal that ended the process, 0 if none
+  std::string out;     // standard output
+  std::string err;     // standard error
+};
+
+// Runs aProgram with aArgs (no shell) in aWorkDir and collects its output.
+// aEnv entries of the form NAME=VALUE are added to the environment.
+CRunResult run(const std::string& aProgram, const std::vector<std::string>& aArgs,
+               const std::string& aWorkDir = ".", const std::vector<std::string>& aEnv = {});
+
+std::string readFile(const std::string& aPath);
+void writeFile(const std::string& aPath, const std::string& aContents);
+bool fileExists(const std::string& aPath);
+// Names of the entries of a folder, sorted.
+std::vector<std::string> listDir(const std::string& aPath);
+// Splits text into lines without their newlines.
+std::vector<std::string> lines(const std::string& aText);
+
+}  // namespace NTest
