@@ -57,8 +57,12 @@ public:
 namespace NFilter {
 
 namespace detail {
-// Mirror rule: index -1 reads 0, index N reads N - 1.
-inline int reflect(int j, int n) { return j < 0 ? -1 - j : (j >= n ? 2 * n - 1 - j : j); }
+// Mirror rule: index -1 reads 0, index N reads N - 1. A kernel longer than
+// the axis can reach past the mirror image; such reads are clamped to the axis.
+inline int reflect(int j, int n) {
+  const int mirrored = j < 0 ? -1 - j : (j >= n ? 2 * n - 1 - j : j);
+  return std::clamp(mirrored, 0, n - 1);
+}
 }  // namespace detail
 
 // Along x (each row). The result is zeroed first and every border range adds

@@ -34,10 +34,12 @@ bool isDigit(int c) { return c >= '0' && c <= '9'; }
 // Numbers beyond this are reported as too large instead of overflowing.
 constexpr long long kHuge = 1LL << 40;
 
+// The start value may be negative (a non-digit taken as the first digit), so
+// the value stops growing once its magnitude passes kHuge in either direction.
 long long readDigits(CScanner& aIn, long long aValue, int& aChar) {
   aChar = aIn.get();
   while (isDigit(aChar)) {
-    if (aValue < kHuge) aValue = aValue * 10 + (aChar - '0');
+    if (aValue < kHuge && aValue > -kHuge) aValue = aValue * 10 + (aChar - '0');
     aChar = aIn.get();
   }
   return aValue;
@@ -57,10 +59,11 @@ std::vector<unsigned char> slurp(const std::string& aFilename) {
 
 }  // namespace
 
-CImage read(const std::string& aFilename) {
-  const std::vector<unsigned char> bytes = slurp(aFilename);
-  CScanner in(bytes);
-  auto fail = [&](const std::string& aProblem) { return EFileError(aFilename, aProblem); };
+CImage read(const std::string& aFilename) { return decode(slurp(aFilename), aFilename); }
+
+CImage decode(const std::vector<unsigned char>& aBytes, const std::string& aName) {
+  CScanner in(aBytes);
+  auto fail = [&](const std::string& aProblem) { return EFileError(aName, aProblem); };
   const auto truncatedHeader = "pixmap header ends before the pixel data";
 
   // Anything before the first 'P' is skipped.
@@ -74,7 +77,7 @@ CImage read(const std::string& aFilename) {
   else if (c == '6')
     image.layers = 3;
   else
-    throw EInvalidFileFormat("PPM", aFilename);
+    throw EInvalidFileFormat("PPM", aName);
   // Rest of the magic token.
   do c = in.get();
   while (c != ' ' && c != '\n' && c != kEnd);
@@ -103,17 +106,18 @@ CImage read(const std::string& aFilename) {
   if (width <= 0 || height <= 0)
     throw fail("invalid image size " + std::to_string(width) + " x " + std::to_string(height));
   if (maxval != 255) throw fail("maximum value " + std::to_string(maxval) + " is not supported (only 255)");
-  const long long needed = width * height * image.layers;
-  if (width >= kHuge || height >= kHuge || needed > INT_MAX)
+  // Each extent is checked before the product so that it cannot overflow.
+  if (width > INT_MAX || height > INT_MAX || width * height > INT_MAX / image.layers)
     throw fail("image size " + std::to_string(width) + " x " + std::to_string(height) + " is too large");
-  const size_t available = bytes.size() - in.position();
+  const long long needed = width * height * image.layers;
+  const size_t available = aBytes.size() - in.position();
   if (static_cast<size_t>(needed) > available)
     throw fail("truncated pixel data (" + std::to_string(available) + " of " + std::to_string(needed) + " bytes)");
 
   image.width = static_cast<int>(width);
   image.height = static_cast<int>(height);
-  image.samples.assign(bytes.begin() + static_cast<long>(in.position()),
-                       bytes.begin() + static_cast<long>(in.position() + static_cast<size_t>(needed)));
+  image.samples.assign(aBytes.begin() + static_cast<long>(in.position()),
+                       aBytes.begin() + static_cast<long>(in.position() + static_cast<size_t>(needed)));
   return image;
 }
 

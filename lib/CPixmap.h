@@ -20,6 +20,9 @@ struct CImage {
 // image (no such file, no magic number, bad extents, maxval other than 255,
 // truncated samples) throws EFileError or EInvalidFileFormat.
 CImage read(const std::string& aFilename);
+// The same scanner over bytes already in memory; aName stands in for the file
+// name in messages.
+CImage decode(const std::vector<unsigned char>& aBytes, const std::string& aName);
 
 // Writes a "P6" file from interleaved RGB bytes. The data go to a temporary
 // file beside the target that is renamed into place, so a failed or

@@ -3,7 +3,10 @@
 #pragma once
 
 #include <algorithm>
+#include <iostream>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "CMatrix.h"
 #include "CPixmap.h"
@@ -66,7 +69,8 @@ public:
   void downsample(int aNewXSize, int aNewYSize, CMatrix<float>& aConfidence);
   void upsample(int aNewXSize, int aNewYSize);
 
-  // Binary pixmap input ("P6" colour or "P5" grey) and "P6" output.
+  // Binary pixmap input ("P6" colour or "P5" grey) and "P6" output of
+  // layers 0 to 2; a tensor with fewer layers is refused with EFileError.
   void readFromPPM(const char* aFilename);
   void writeToPPM(const char* aFilename);
 
@@ -171,6 +175,7 @@ void CTensor<T>::readFromPPM(const char* aFilename) {
 
 template <class T>
 void CTensor<T>::writeToPPM(const char* aFilename) {
+  if (mZSize < 3) throw EFileError(aFilename, "cannot write " + std::to_string(mZSize) + " layers as a colour pixmap");
   const int n = mXSize * mYSize;
   std::vector<unsigned char> bytes(static_cast<size_t>(std::max(n, 0)) * 3);
   size_t k = 0;
