@@ -1,7 +1,372 @@
 #include "Driver.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "CErrors.h"
+#include "CFilter.h"
+#include "CHierarchy.h"
+#include "CProjection.h"
+#include "CSuperpixelLayer.h"
+#include "CTensor.h"
+#include "CUtility.h"
+#include "Solver.h"
+
+// Driver state shared with the solver.
+int mLabNo = 0;
+CMatrix<float> mweight;
+
+namespace {
+
+bool mShowInit = false;
+std::string mInputImg;
+std::string mInputDir;
+std::string mInputEnd;
+std::string mResultDir;
+std::string mTrackFile;
+int mXSize = 0;
+int mYSize = 0;
+int mZSize = 0;
+
+// Exit status of every failure other than the usage text.
+constexpr int kFailure = 2;
+// Labels beyond this many are rejected: the palette of track labels has as many
+// colours, and a photograph given by mistake as a label image must fail fast.
+constexpr int kMaxLabels = 256;
+
+constexpr int maxITER[7] = {50, 50, 30, 20, 10, 10, 10};
+constexpr float aOMEGA[7] = {1.9f, 1.9f, 1.9f, 1.9f, 1.9f, 1.2f, 1.8f};
+constexpr int maxGrid = 3;
+
+// A failure of the run whose message has already been printed.
+struct CRunFailure {};
+
+CRunFailure fail(const std::string& aMessage) {
+  std::cerr << "Error: " << aMessage << std::endl;
+  return CRunFailure{};
+}
+
+struct CSettings {
+  int NoSegFiles = 0;
+  int frameNo = -1;
+  float aAlpha = 0.3f;
+  int outChoice = 0;
+  std::string outputBase;
+  bool hasOutputBase = false;
+};
+
+void printUsage() {
+  std::cout << "input image name missing! " << std::endl;
+  std::cout << "The program needs 3 arguments (plus 2 optional arguments):" << std::endl;
+  std::cout << "- argument 1 : image file (ppm)" << std::endl;
+  std::cout << "- argument 2 : number of hierarchy levels" << std::endl;
+  std::cout << "- argument 3 : initial sparse labels (ppm)" << std::endl;
+  std::cout << "- argument 3 : initial sparse labels (track-file; needs argument 4) " << std::endl;
+  std::cout << "- argument 4*: frame number in track file [set to 0 if ppm is given]" << std::endl;
+  std::cout << "- argument 5*: regularization parameter alpha [default = 0.3]" << std::endl;
+  std::cout << "- argument 6*: output [default = 0]" << std::endl;
+  std::cout << "              (0: dense region image," << std::endl;
+  std::cout << "               1: 0 plus dense regions overlayed to original image," << std::endl;
+  std::cout << "               2: as 1 with initial labels)" << std::endl;
+  std::cout << "- argument 7*: output folder" << std::endl;
+}
+
+// strtod truncated toward zero; values without an int representation are
+// reported instead of being converted with undefined behaviour.
+int truncatedArgument(const char* aText, int aPosition, const char* aWhat) {
+  const double value = std::strtod(aText, nullptr);
+  if (std::isnan(value))
+    throw fail("argument " + std::to_string(aPosition) + ": " + aWhat + " '" + aText + "' is not a number");
+  if (value >= 2147483648.0) return INT_MAX;
+  if (value <= -2147483649.0) return INT_MIN;
+  return static_cast<int>(value);
+}
+
+// Returns false when the program must end right away with status aStatus.
+bool parseArguments(int argc, char** args, CSettings& aSettings, int& aStatus) {
+  const int N = argc - 1;
+  if (N < 3) {
+    printUsage();
+    aStatus = 1;
+    return false;
+  }
+  mInputImg = args[1];
+  const long segFiles = std::strtol(args[2], nullptr, 10);
+  if (segFiles > INT_MAX)
+    throw fail(std::string("argument 2: number of hierarchy levels '") + args[2] + "' is too large");
+  aSettings.NoSegFiles = static_cast<int>(std::max(segFiles, static_cast<long>(INT_MIN)));
+  mTrackFile = args[3];
+  CUtility::getEnding(&mTrackFile, &mInputEnd);
+  if (mInputEnd == ".dat") {
+    if (N == 3) {
+      std::cout << "Error: Need frame number in track file" << std::endl;
+      aStatus = 0;
+      return false;
+    }
+    aSettings.frameNo = truncatedArgument(args[4], 4, "frame number");
+    if (aSettings.frameNo < 0) {
+      std::cout << "Error: Frame number must be positive integer" << std::endl;
+      aStatus = 0;
+      return false;
+    }
+  }
+  if (N >= 5) {
+    aSettings.aAlpha = static_cast<float>(std::strtod(args[5], nullptr));
+    // Alpha mixes data and smoothness; at 1 unlabelled pixels have no weight at
+    // all (a division by zero), outside [0, 1) the mix has no meaning.
+    if (!(aSettings.aAlpha >= 0.0f && aSettings.aAlpha < 1.0f))
+      throw fail(std::string("argument 5: alpha '") + args[5] + "' must be a number from 0 up to (not including) 1");
+    aSettings.outChoice = N >= 6 ? truncatedArgument(args[6], 6, "output mode") : 0;
+  }
+  mShowInit = aSettings.outChoice == 2;
+  if (N >= 7) {
+    aSettings.outputBase = args[7];
+    aSettings.hasOutputBase = true;
+  }
+  try {
+    CUtility::decomposeFileName(&mInputImg, &mInputDir, &mInputImg, &mInputEnd);
+  } catch (const std::out_of_range& error) {
+    throw fail(std::string(args[1]) + ": the image name has no ending such as .ppm (" + error.what() + ")");
+  }
+  return true;
+}
+
+// Makes the results folder without a shell; an existing folder is fine.
+void createResultFolder(const CSettings& aSettings) {
+  mResultDir = (aSettings.hasOutputBase ? aSettings.outputBase : mInputDir) + "TarnwickResults";
+  if (mkdir(mResultDir.c_str(), 0777) != 0 && errno != EEXIST)
+    throw fail("cannot create the results folder " + mResultDir + ": " + std::strerror(errno));
+  struct stat info {};
+  if (stat(mResultDir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+    throw fail("cannot create the results folder " + mResultDir + ": a file of that name is in the way");
+  if (access(mResultDir.c_str(), W_OK | X_OK) != 0)
+    throw fail("the results folder " + mResultDir + " is not writable");
+  mResultDir += "/";
+  std::cout << std::endl;
+}
+
+// Reads a pixmap as a colour image; a grey one has its layer repeated.
+CTensor<float> readColour(const std::string& aName) {
+  CTensor<float> image;
+  image.readFromPPM(aName.c_str());
+  if (image.zSize() == 1) {
+    CMatrix<float> grey = image.getMatrix(0);
+    CTensor<float> colour(image.xSize(), image.ySize(), 3);
+    for (int z = 0; z < 3; z++) colour.putMatrix(grey, z);
+    return colour;
+  }
+  return image;
+}
+
+void requireImageSize(const CTensor<float>& aTensor, const std::string& aName, const char* aWhat) {
+  if (aTensor.xSize() != mXSize || aTensor.ySize() != mYSize)
+    throw fail(aName + ": " + aWhat + " is " + std::to_string(aTensor.xSize()) + " x " +
+               std::to_string(aTensor.ySize()) + " but the image is " + std::to_string(mXSize) + " x " +
+               std::to_string(mYSize));
+}
+
+std::string segmentationName(int k) { return mInputDir + mInputImg + "_seg" + std::to_string(k) + mInputEnd; }
+
+// Counts the distinct label colours, stopping early past the limit.
+void checkLabelCount(const CTensor<float>& aColours, const std::string& aName) {
+  std::unordered_set<long long> colours;
+  const int n = aColours.xSize() * aColours.ySize();
+  const float* data = aColours.data();
+  for (int i = 0; i < n; i++) {
+    const float r = data[i];
+    const float g = data[i + n];
+    const float b = data[i + 2 * n];
+    if (r == 255.0f && g == 255.0f && b == 255.0f) continue;
+    colours.insert((static_cast<long long>(r) << 16) | (static_cast<long long>(g) << 8) | static_cast<long long>(b));
+    if (static_cast<int>(colours.size()) > kMaxLabels)
+      throw fail(aName + ": more than " + std::to_string(kMaxLabels) + " label colours; a label image holds white (" +
+                 "unlabelled) and one colour per label");
+  }
+  if (colours.empty()) throw fail(aName + ": no labels (every pixel is white)");
+  if (static_cast<long long>(n) * static_cast<long long>(colours.size()) > INT_MAX)
+    throw fail(aName + ": too many labels for an image of this size");
+}
+
+struct CInputs {
+  CTensor<float> aIImage;
+  std::vector<CTensor<float>> aSegs;  // the segmentation files, finest first
+  CTensor<float> aLabels;
+  CMatrix<float> aConf;
+  std::vector<CVector<int>> mapLabelToColor;
+};
+
+void loadInputs(const CSettings& aSettings, CInputs& aIn) {
+  const std::string imageName = mInputDir + mInputImg + mInputEnd;
+  aIn.aIImage = readColour(imageName);
+  std::cout << "load input file:            " << imageName << std::endl;
+  mXSize = aIn.aIImage.xSize();
+  mYSize = aIn.aIImage.ySize();
+  mZSize = aIn.aIImage.zSize();
+  for (int i = 1; i <= aSettings.NoSegFiles; i++) {
+    const std::string name = segmentationName(i - 1);
+    std::cout << "load superpixel file:       " << name << std::endl;
+    aIn.aSegs.push_back(readColour(name));
+    requireImageSize(aIn.aSegs.back(), name, "the segmentation");
+  }
+  mweight.setSize(mXSize, mYSize);
+  mweight.fill(1.0f);
+  std::cout << "read sparse label file:     " << mTrackFile << std::endl;
+  aIn.aConf.setSize(mXSize, mYSize);
+  aIn.aConf.fill(0.0f);
+  CTensor<float> inputTracks(mXSize, mYSize, mZSize, 255.0f);
+  if (aSettings.frameNo == -1) {
+    const std::string labelName = mInputDir + mTrackFile;
+    inputTracks = readColour(labelName);
+    requireImageSize(inputTracks, labelName, "the label image");
+    checkLabelCount(inputTracks, labelName);
+  } else {
+    if (!CUtility::readTracks(mTrackFile.c_str(), aSettings.frameNo, inputTracks))
+      throw fail(mTrackFile + ": the track file cannot be opened");
+    checkLabelCount(inputTracks, mTrackFile + " (frame " + std::to_string(aSettings.frameNo) + ")");
+  }
+  mLabNo = CUtility::color2labelFunction(aIn.aLabels, inputTracks, aIn.mapLabelToColor);
+  std::cout << "number of labels:  " << mLabNo << std::endl;
+  CUtility::labelFunction2confidenceMask(aIn.aLabels, aIn.aConf);
+}
+
+void writeInitialLabels(CInputs& aIn) {
+  CTensor<float> sparseLabels(mXSize, mYSize, mZSize, 255.0f);
+  CUtility::plotSparseLabels(sparseLabels, aIn.aLabels, aIn.aConf, aIn.mapLabelToColor);
+  sparseLabels.writeToPPM((mResultDir + mInputImg + "_initialLabels.ppm").c_str());
+}
+
+// Extents of level il (0 coarsest .. 3 full size).
+void levelSize(int il, int& aXSize, int& aYSize) {
+  const float f = static_cast<float>(1.0 / std::pow(2.0, maxGrid - il));
+  aXSize = static_cast<int>(mXSize * f);
+  aYSize = static_cast<int>(mYSize * f);
+}
+
+// Images narrower or lower than 8 pixels have empty coarse levels: the run
+// starts at the first level with at least one pixel in each direction.
+int firstLevel() {
+  for (int il = 0; il < maxGrid; il++) {
+    int nXSize = 0;
+    int nYSize = 0;
+    levelSize(il, nXSize, nYSize);
+    if (nXSize > 0 && nYSize > 0) return il;
+  }
+  return maxGrid;
+}
+
+void solveLevel(int il, const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
+  std::cout << "resolution level: " << il << " / " << maxGrid << std::endl;
+  int nXSize = 0;
+  int nYSize = 0;
+  levelSize(il, nXSize, nYSize);
+  CTensor<float> labels(aIn.aLabels);
+  labels.downsample(nXSize, nYSize, aIn.aConf);
+  CMatrix<float> conf(aIn.aConf);
+  conf.downsample(nXSize, nYSize, aIn.aConf);
+  CTensor<float> image(aIn.aIImage);
+  image.downsample(nXSize, nYSize);
+  std::vector<CTensor<float>> levelSegs;
+  levelSegs.push_back(std::move(image));
+  const int factor = static_cast<int>(std::pow(2.0, maxGrid - il));
+  for (int i = 1; i <= aSettings.NoSegFiles; i++) {
+    levelSegs.emplace_back(nXSize, nYSize, mZSize);
+    CUtility::downsample_fac(levelSegs.back(), aIn.aSegs[i - 1], factor);
+  }
+  CHierarchy hierarchy(aLab, levelSegs);
+  if (aSettings.NoSegFiles > 0) {
+    CUtility::euclideanDistanceTransform(levelSegs[1], mweight);
+    hierarchy.getLayer(1)->distanceFunction(mweight);
+  }
+  solveSegmentation_SOR(hierarchy, conf, labels, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
+  hierarchy.getLayer(0)->convertToImage(aLab);
+}
+
+void solveCoarseToFine(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
+  const float labinit = 1.0f / mLabNo;
+  const int first = firstLevel();
+  int nXSize = 0;
+  int nYSize = 0;
+  levelSize(first, nXSize, nYSize);
+  aLab = CTensor<float>(nXSize, nYSize, mLabNo, labinit);
+  const std::clock_t start = std::clock();
+  std::cout << "iterations on ..." << std::endl;
+  for (int il = first; il <= maxGrid; il++) {
+    solveLevel(il, aSettings, aIn, aLab);
+    if (il == maxGrid) break;
+    levelSize(il + 1, nXSize, nYSize);
+    aLab.upsample(nXSize, nYSize);
+  }
+  const std::clock_t stop = std::clock();
+  std::cout << std::endl;
+  std::cout << "total time:                        " << static_cast<double>(stop - start) / 1000000.0 << " seconds"
+            << std::endl;
+}
+
+void writeOutputs(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
+  CTensor<float> canvas(mXSize, mYSize, mZSize, 255.0f);
+  CUtility::plotOverlayColor(canvas, aLab, aIn.mapLabelToColor, 1.0f);
+  canvas.writeToPPM((mResultDir + mInputImg + "_dense_soft.ppm").c_str());
+  CProjection::binary(aLab);
+  canvas.fill(255.0f);
+  CUtility::plotOverlayColor(canvas, aLab, aIn.mapLabelToColor, 1.0f);
+  canvas.writeToPPM((mResultDir + mInputImg + "_dense.ppm").c_str());
+  if (aSettings.outChoice > 0) {
+    canvas = aIn.aIImage;
+    CUtility::plotOverlayColor(canvas, aLab, aIn.mapLabelToColor, 0.4f);
+    if (mShowInit) CUtility::plotSparseLabels(canvas, aIn.aLabels, aIn.aConf, aIn.mapLabelToColor);
+    canvas.writeToPPM((mResultDir + mInputImg + "_denseOUT.ppm").c_str());
+  }
+}
+
+int run(int argc, char** args) {
+  CSettings settings;
+  int status = 0;
+  if (!parseArguments(argc, args, settings, status)) return status;
+  createResultFolder(settings);
+  CInputs inputs;
+  loadInputs(settings, inputs);
+  writeInitialLabels(inputs);
+  std::cout << "alpha:             " << settings.aAlpha << std::endl;
+  std::cout << std::endl;
+  CTensor<float> aLab;
+  solveCoarseToFine(settings, inputs, aLab);
+  writeOutputs(settings, inputs, aLab);
+  return 0;
+}
+
+}  // namespace
+
 namespace NDriver {
 
-int main(int, char**) { return 0; }
+int main(int argc, char** args) {
+  // Every exception of the system prints its own message when it is made.
+  try {
+    return run(argc, args);
+  } catch (const CRunFailure&) {
+  } catch (const EFileError&) {
+  } catch (const EInvalidFileFormat&) {
+  } catch (const ETensorIncompatibleSize&) {
+  } catch (const EFilterIncompatibleSize&) {
+  } catch (const CHierarchy::EMissingLayers&) {
+  } catch (const std::bad_alloc&) {
+    std::cerr << "Error: out of memory" << std::endl;
+  } catch (const std::exception& error) {
+    std::cerr << "Error: " << error.what() << std::endl;
+  }
+  return kFailure;
+}
 
 }  // namespace NDriver
