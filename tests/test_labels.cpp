@@ -140,8 +140,8 @@ TEST(LabelColors, LabelFunctionToColourWeighsColoursAndPaintsEmptyPixelsWhite) {
   expectColor(out, 0, 0, 100, 50, 0);
   expectColor(out, 1, 0, 255, 255, 255);
 
-  // Label mass just below 1e-5 still counts as no label.
-  labels(1, 0, 1) = 9e-6f;
+  // The float nearest to 1e-5 lies just below it and still counts as no label.
+  labels(1, 0, 1) = 1e-5f;
   CUtility::labelFunction2color(labels, out, colors);
   expectColor(out, 1, 0, 255, 255, 255);
   labels(1, 0, 1) = 2e-5f;
