@@ -18,6 +18,7 @@
 
 #include "CErrors.h"
 #include "CFilter.h"
+#include "CFlatHierarchy.h"
 #include "CHierarchy.h"
 #include "CProjection.h"
 #include "CSuperpixelLayer.h"
@@ -66,6 +67,7 @@ struct CSettings {
   int outChoice = 0;
   std::string outputBase;
   bool hasOutputBase = false;
+  NDriver::ESolverPath path = NDriver::ESolverPath::Fast;
 };
 
 void printUsage() {
@@ -285,13 +287,23 @@ void solveLevel(int il, const CSettings& aSettings, CInputs& aIn, CTensor<float>
     levelSegs.emplace_back(nXSize, nYSize, mZSize);
     CUtility::downsample_fac(levelSegs.back(), aIn.aSegs[i - 1], factor);
   }
-  CHierarchy hierarchy(aLab, levelSegs);
-  if (aSettings.NoSegFiles > 0) {
-    CUtility::euclideanDistanceTransform(levelSegs[1], mweight);
-    hierarchy.getLayer(1)->distanceFunction(mweight);
+  if (aSettings.path == NDriver::ESolverPath::Reference) {
+    CHierarchy hierarchy(aLab, levelSegs);
+    if (aSettings.NoSegFiles > 0) {
+      CUtility::euclideanDistanceTransform(levelSegs[1], mweight);
+      hierarchy.getLayer(1)->distanceFunction(mweight);
+    }
+    solveSegmentation_SOR(hierarchy, conf, labels, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
+    hierarchy.getLayer(0)->convertToImage(aLab);
+  } else {
+    CFlatHierarchy hierarchy(aLab, levelSegs);
+    if (aSettings.NoSegFiles > 0) {
+      CUtility::euclideanDistanceTransform(levelSegs[1], mweight);
+      hierarchy.distanceFunction(mweight);
+    }
+    hierarchy.solve(conf, labels, mweight, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
+    hierarchy.convertToImage(aLab);
   }
-  solveSegmentation_SOR(hierarchy, conf, labels, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
-  hierarchy.getLayer(0)->convertToImage(aLab);
 }
 
 void solveCoarseToFine(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
@@ -331,8 +343,9 @@ void writeOutputs(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab
   }
 }
 
-int run(int argc, char** args) {
+int run(int argc, char** args, NDriver::ESolverPath aPath) {
   CSettings settings;
+  settings.path = aPath;
   int status = 0;
   if (!parseArguments(argc, args, settings, status)) return status;
   createResultFolder(settings);
@@ -351,10 +364,10 @@ int run(int argc, char** args) {
 
 namespace NDriver {
 
-int main(int argc, char** args) {
+int main(int argc, char** args, ESolverPath aPath) {
   // Every exception of the system prints its own message when it is made.
   try {
-    return run(argc, args);
+    return run(argc, args, aPath);
   } catch (const CRunFailure&) {
   } catch (const EFileError&) {
   } catch (const EInvalidFileFormat&) {

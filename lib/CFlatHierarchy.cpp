@@ -1,0 +1,541 @@
+#include "CFlatHierarchy.h"
+
+#include <omp.h>
+#include <xmmintrin.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+
+#include "CErrors.h"
+#include "CHierarchy.h"
+#include "CSuperpixelLayer.h"
+
+namespace {
+
+constexpr int kInnerIterations = 10;
+
+// Packed colour of a segmentation pixel, channels truncated to int; the same
+// key and the same rejection of colours outside 0..255 as the node path.
+int colourKey(const CTensor<float>& aSeg, int ix, int iy) {
+  int key = 0;
+  for (int k = 2; k >= 0; k--) {
+    const float value = aSeg(ix, iy, k);
+    if (!(value > -1.0f && value < 256.0f))
+      throw EFileError("segmentation image", "colour value " + std::to_string(value) + " outside 0..255 at pixel (" +
+                                                 std::to_string(ix) + ", " + std::to_string(iy) + ")");
+    key = key * 256 + static_cast<int>(value);
+  }
+  return key;
+}
+
+// diffusivity() of two colour vectors of aImageA and aImageB at two pixels.
+float colourDiffusivity(const CTensor<float>& aImageA, int aPixelA, const CTensor<float>& aImageB, int aPixelB) {
+  const int width = aImageA.xSize();
+  float sum = 0.0f;
+  for (int k = 0; k < aImageA.zSize(); k++) {
+    const float d = aImageA(aPixelA % width, aPixelA / width, k) - aImageB(aPixelB % width, aPixelB / width, k);
+    sum += d * d;
+  }
+  return CSuperpixelLayer::diffusivity_fl(sum);
+}
+
+float vectorDiffusivity(const float* aA, const float* aB, int aLength) {
+  float sum = 0.0f;
+  for (int k = 0; k < aLength; k++) {
+    const float d = aA[k] - aB[k];
+    sum += d * d;
+  }
+  return CSuperpixelLayer::diffusivity_fl(sum);
+}
+
+bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof(float)) == 0; }
+
+// interval(v, 0, 1) on four lanes: max(0, v) keeps NaN as _mm_max_ps returns
+// its second operand when a comparison fails, min likewise.
+inline __m128 clampUnit(__m128 v) { return _mm_min_ps(_mm_set1_ps(1.0f), _mm_max_ps(_mm_setzero_ps(), v)); }
+
+}  // namespace
+
+CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTensor<float>>& aSegs)
+    : mXSize(aImg.xSize()), mYSize(aImg.ySize()), mLabels(aImg.zSize()) {
+  if (aSegs.empty()) throw CHierarchy::EMissingLayers(0);
+  mDistRelaxation = static_cast<float>(0.2 * std::max(mXSize, mYSize));
+  // Enough chunks to keep every thread busy, at most four labels each.
+  const int threads = std::max(1, omp_get_max_threads());
+  const int wanted = std::max((mLabels + 3) / 4, std::min(threads, mLabels));
+  mLanes = std::max(1, (mLabels + wanted - 1) / std::max(wanted, 1));
+  mChunks = (mLabels + mLanes - 1) / mLanes;
+  mLayers.resize(aSegs.size());
+  buildPixelLayer(aImg, aSegs[0]);
+  for (size_t k = 1; k < aSegs.size(); k++) buildCoarserLayer(static_cast<int>(k), aSegs[k], aSegs[k - 1]);
+}
+
+float CFlatHierarchy::value(int aLayer, int aNode, int aLabel) const {
+  return mLayers[aLayer].values[slot(mLayers[aLayer], aNode, aLabel)];
+}
+
+void CFlatHierarchy::gather(const CLayer& aLayer, int aNode, float* aOut) const {
+  for (int k = 0; k < mLabels; k++) aOut[k] = aLayer.values[slot(aLayer, aNode, k)];
+}
+
+void CFlatHierarchy::scatter(CLayer& aLayer, int aNode, const float* aIn) {
+  for (int k = 0; k < mLabels; k++) aLayer.values[slot(aLayer, aNode, k)] = aIn[k];
+}
+
+void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<float>& aImage) {
+  CLayer& layer = mLayers[0];
+  const int n = mXSize * mYSize;
+  layer.nodes = n;
+  layer.x.resize(n);
+  layer.y.resize(n);
+  layer.firstLeaf.resize(n);
+  for (int i = 0; i < n; i++) {
+    layer.x[i] = static_cast<float>(i % mXSize);
+    layer.y[i] = static_cast<float>(i / mXSize);
+    layer.firstLeaf[i] = i;
+  }
+  layer.parent.assign(n, -1);
+  layer.parentConst.assign(n, 0.0f);
+  layer.parentVar.assign(n, 0.0f);
+  layer.parentG.assign(n, 0.0f);
+  layer.md.assign(n, 0.0f);
+  layer.omegaOverMd.assign(n, 0.0f);
+  layer.values.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+  for (int k = 0; k < mLabels; k++)
+    for (int i = 0; i < n; i++) layer.values[slot(layer, i, k)] = aImg.data()[static_cast<size_t>(k) * n + i];
+  CMatrix<float> gx(mXSize, mYSize);
+  CMatrix<float> gy(mXSize, mYSize);
+  CSuperpixelLayer::diffusivities_fl(aImage, gx, gy);
+  mConstX.assign(gx.data(), gx.data() + n);
+  mConstY.assign(gy.data(), gy.data() + n);
+  mVarX.assign(n, 0.0f);
+  mVarY.assign(n, 0.0f);
+  mGX.assign(n, 0.0f);
+  mGY.assign(n, 0.0f);
+}
+
+void CFlatHierarchy::pixelNeighbours(int aPixel, std::vector<int>& aOut) const {
+  const int x = aPixel % mXSize;
+  const int y = aPixel / mXSize;
+  aOut.clear();
+  if (y > 0) aOut.push_back(aPixel - mXSize);
+  if (x > 0) aOut.push_back(aPixel - 1);
+  if (y < mYSize - 1) aOut.push_back(aPixel + mXSize);
+  if (x < mXSize - 1) aOut.push_back(aPixel + 1);
+}
+
+void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg) {
+  if (aSeg.zSize() < 3) throw EFileError("segmentation image", "has fewer than three colour channels");
+  CLayer& finer = mLayers[aLayer - 1];
+  CLayer& layer = mLayers[aLayer];
+  // Nodes in order of first appearance of their colour at the finer nodes' first leaves.
+  std::unordered_map<int, int> nodeOfColour;
+  int lastKey = -1;
+  int lastNode = -1;
+  for (int f = 0; f < finer.nodes; f++) {
+    const int leaf = finer.firstLeaf[f];
+    const int key = colourKey(aSeg, leaf % mXSize, leaf / mXSize);
+    if (key != lastKey) {
+      lastNode = nodeOfColour.try_emplace(key, static_cast<int>(nodeOfColour.size())).first->second;
+      lastKey = key;
+    }
+    finer.parent[f] = lastNode;
+  }
+  const int n = static_cast<int>(nodeOfColour.size());
+  layer.nodes = n;
+  layer.childStart.assign(n + 1, 0);
+  for (int f = 0; f < finer.nodes; f++) layer.childStart[finer.parent[f] + 1]++;
+  for (int p = 0; p < n; p++) layer.childStart[p + 1] += layer.childStart[p];
+  layer.child.resize(finer.nodes);
+  std::vector<int> fillPos(layer.childStart.begin(), layer.childStart.end() - 1);
+  for (int f = 0; f < finer.nodes; f++) layer.child[fillPos[finer.parent[f]]++] = f;
+  // Centres: unweighted means of the children's centres, summed in child order.
+  layer.x.resize(n);
+  layer.y.resize(n);
+  layer.firstLeaf.resize(n);
+  for (int p = 0; p < n; p++) {
+    float sumX = 0.0f;
+    float sumY = 0.0f;
+    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
+      sumX += finer.x[layer.child[j]];
+      sumY += finer.y[layer.child[j]];
+    }
+    const float count = static_cast<float>(layer.childStart[p + 1] - layer.childStart[p]);
+    layer.x[p] = sumX / count;
+    layer.y[p] = sumY / count;
+    layer.firstLeaf[p] = finer.firstLeaf[layer.child[layer.childStart[p]]];
+  }
+  layer.parent.assign(n, -1);
+  layer.parentConst.assign(n, 0.0f);
+  layer.parentVar.assign(n, 0.0f);
+  layer.parentG.assign(n, 0.0f);
+  layer.md.assign(n, 0.0f);
+  layer.omegaOverMd.assign(n, 0.0f);
+  layer.values.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+  const float uniform = 1.0f / static_cast<float>(mLabels);
+  for (int p = 0; p < n; p++)
+    for (int k = 0; k < mLabels; k++) layer.values[slot(layer, p, k)] = uniform;
+
+  linkNeighbours(aLayer);
+
+  // Constant weights: colour at the first leaves, spatial factor from the distances.
+  layer.nbrConst.resize(layer.nbr.size());
+  for (int a = 0; a < n; a++)
+    for (int j = layer.nbrStart[a]; j < layer.nbrStart[a + 1]; j++) {
+      const float dist = layer.nbrDist[j];
+      const float exponent = -dist * dist / mDistRelaxation;
+      const float spatial = static_cast<float>(std::exp(static_cast<double>(exponent)));
+      layer.nbrConst[j] = colourDiffusivity(aSeg, layer.firstLeaf[a], aSeg, layer.firstLeaf[layer.nbr[j]]) * spatial;
+    }
+  layer.childConst.resize(layer.child.size());
+  for (int p = 0; p < n; p++) {
+    const float count = static_cast<float>(layer.childStart[p + 1] - layer.childStart[p]);
+    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
+      const int c = layer.child[j];
+      const float w = colourDiffusivity(aSeg, layer.firstLeaf[p], aFinerSeg, finer.firstLeaf[c]);
+      finer.parentConst[c] = w;
+      layer.childConst[j] = w * count;
+    }
+  }
+  layer.nbrG.assign(layer.nbr.size(), 0.0f);
+  layer.childG.assign(layer.child.size(), 0.0f);
+}
+
+// Adjacency from the finer layer's links (in their order, first discovery
+// first), then the two-step neighbours, the node itself included once per
+// adjacent neighbour that lists it back.
+void CFlatHierarchy::linkNeighbours(int aLayer) {
+  const CLayer& finer = mLayers[aLayer - 1];
+  CLayer& layer = mLayers[aLayer];
+  const int n = layer.nodes;
+  std::vector<std::vector<int>> adjacent(n);
+  std::vector<int> finerNeighbours;
+  for (int f = 0; f < finer.nodes; f++) {
+    const int p = finer.parent[f];
+    if (aLayer == 1) {
+      pixelNeighbours(f, finerNeighbours);
+    } else {
+      finerNeighbours.assign(finer.nbr.begin() + finer.nbrStart[f], finer.nbr.begin() + finer.nbrStart[f + 1]);
+    }
+    for (int g : finerNeighbours) {
+      const int q = finer.parent[g];
+      if (q == p) continue;
+      std::vector<int>& list = adjacent[p];
+      if (std::find(list.begin(), list.end(), q) == list.end()) list.push_back(q);
+    }
+  }
+  layer.nbrStart.assign(n + 1, 0);
+  layer.nbr.clear();
+  layer.nbrDist.clear();
+  for (int a = 0; a < n; a++) {
+    const std::vector<int>& mine = adjacent[a];
+    for (int b : mine) {
+      layer.nbr.push_back(b);
+      layer.nbrDist.push_back(1.0f);
+    }
+    for (int b : mine)
+      for (int c : adjacent[b]) {
+        if (c != a && std::find(mine.begin(), mine.end(), c) != mine.end()) continue;
+        const float dx = layer.x[c] - layer.x[a];
+        const float dy = layer.y[c] - layer.y[a];
+        layer.nbr.push_back(c);
+        layer.nbrDist.push_back(std::sqrt(dx * dx + dy * dy));
+      }
+    layer.nbrStart[a + 1] = static_cast<int>(layer.nbr.size());
+  }
+}
+
+void CFlatHierarchy::distanceFunction(CMatrix<float>& aDistance) const {
+  const CLayer& layer = mLayers[1];
+  float* data = aDistance.data();
+  const int stride = aDistance.xSize();
+  auto at = [&](int aPixel) -> float& { return data[aPixel / mXSize * stride + aPixel % mXSize]; };
+  for (int p = 0; p < layer.nodes; p++) {
+    float mean = 0.0f;
+    int counter = 0;
+    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
+      mean += at(layer.child[j]);
+      counter++;
+    }
+    mean /= static_cast<float>(counter);
+    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
+      float& e = at(layer.child[j]);
+      e = static_cast<float>((static_cast<double>(e) - 1.0) / static_cast<double>(mean));
+    }
+  }
+}
+
+void CFlatHierarchy::convertToImage(CTensor<float>& aResult) const {
+  const CLayer& pixels = mLayers[0];
+  const int n = pixels.nodes;
+  for (int k = 0; k < aResult.zSize(); k++) {
+    float* out = aResult.data() + static_cast<size_t>(k) * n;
+    const float* in = pixels.values.data() + static_cast<size_t>(chunkOf(k)) * n * 4 + laneOf(k);
+    for (int i = 0; i < n; i++) out[i] = in[static_cast<size_t>(i) * 4];
+  }
+}
+
+// The pixel edges' value-dependent weights, as diffusivities_fl computes them
+// from the degrees: per label the forward difference across the edge and the
+// mean of the two central derivatives along it, summed over the labels in
+// order. Fused over the labels and split among threads by rows; grids too
+// small for the three-tap derivative's plain interior take the literal path.
+void CFlatHierarchy::computePixelVariableWeights() {
+  const int width = mXSize;
+  const int height = mYSize;
+  const int n = width * height;
+  if (width < 3 || height < 3) {
+    CTensor<float> degrees(width, height, mLabels);
+    convertToImage(degrees);
+    CMatrix<float> gx(width, height);
+    CMatrix<float> gy(width, height);
+    CSuperpixelLayer::diffusivities_fl(degrees, gx, gy);
+    mVarX.assign(gx.data(), gx.data() + n);
+    mVarY.assign(gy.data(), gy.data() + n);
+    return;
+  }
+  const CLayer& pixels = mLayers[0];
+#pragma omp parallel for schedule(static)
+  for (int y = 0; y < height; y++) {
+    const int up = y > 0 ? y - 1 : 0;
+    const int down = y < height - 1 ? y + 1 : height - 1;
+    for (int x = 0; x < width; x++) {
+      const int left = x > 0 ? x - 1 : 0;
+      const int right = x < width - 1 ? x + 1 : width - 1;
+      float sumX = 0.0f;
+      float sumY = 0.0f;
+      for (int k = 0; k < mLabels; k++) {
+        const float* m = pixels.values.data() + static_cast<size_t>(chunkOf(k)) * n * 4 + laneOf(k);
+        auto at = [&](int ax, int ay) { return m[static_cast<size_t>(ay * width + ax) * 4]; };
+        const float centre = at(x, y);
+        if (x < width - 1) {
+          const float derivY0 = -0.5f * at(x, up) + 0.5f * at(x, down);
+          const float derivY1 = -0.5f * at(x + 1, up) + 0.5f * at(x + 1, down);
+          const float aGradX = at(x + 1, y) - centre;
+          const float aGradY = 0.5f * (derivY0 + derivY1);
+          sumX += aGradX * aGradX + aGradY * aGradY;
+        }
+        if (y < height - 1) {
+          const float derivX0 = -0.5f * at(left, y) + 0.5f * at(right, y);
+          const float derivX1 = -0.5f * at(left, y + 1) + 0.5f * at(right, y + 1);
+          const float aGradX = 0.5f * (derivX0 + derivX1);
+          const float aGradY = at(x, y + 1) - centre;
+          sumY += aGradX * aGradX + aGradY * aGradY;
+        }
+      }
+      mVarX[y * width + x] = CSuperpixelLayer::diffusivity_fl(sumX);
+      mVarY[y * width + x] = CSuperpixelLayer::diffusivity_fl(sumY);
+    }
+  }
+}
+
+// Every weight that stays fixed through the inner iterations: value-dependent
+// weights from the current degrees, the edge products, each node's weight sum
+// in the order of its lists and the over-relaxation factor.
+void CFlatHierarchy::computeWeights(float aAlpha, float aOmega) {
+  computePixelVariableWeights();
+  const int layers = size();
+  for (int l = 1; l < layers; l++) {
+    CLayer& layer = mLayers[l];
+    CLayer& finer = mLayers[l - 1];
+#pragma omp parallel
+    {
+      std::vector<float> a(mLabels);
+      std::vector<float> b(mLabels);
+#pragma omp for schedule(static)
+      for (int p = 0; p < layer.nodes; p++) {
+        gather(layer, p, a.data());
+        for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
+          gather(layer, layer.nbr[j], b.data());
+          layer.nbrG[j] = layer.nbrConst[j] * vectorDiffusivity(a.data(), b.data(), mLabels);
+        }
+      }
+#pragma omp for schedule(static)
+      for (int c = 0; c < finer.nodes; c++) {
+        gather(layer, finer.parent[c], a.data());
+        gather(finer, c, b.data());
+        finer.parentVar[c] = vectorDiffusivity(a.data(), b.data(), mLabels);
+      }
+    }
+    for (int p = 0; p < layer.nodes; p++)
+      for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++)
+        layer.childG[j] = layer.childConst[j] * finer.parentVar[layer.child[j]];
+  }
+  const int width = mXSize;
+  const int height = mYSize;
+  const float oneMinusAlpha = 1.0f - aAlpha;
+  CLayer& pixels = mLayers[0];
+#pragma omp parallel for schedule(static)
+  for (int i = 0; i < width * height; i++) {
+    mGX[i] = mConstX[i] * mVarX[i];
+    mGY[i] = mConstY[i] * mVarY[i];
+  }
+#pragma omp parallel for schedule(static)
+  for (int y = 0; y < height; y++)
+    for (int x = 0; x < width; x++) {
+      const int i = y * width + x;
+      float sum = 0.0f;
+      if (y > 0) sum = sum + mGY[i - width];
+      if (x > 0) sum = sum + mGX[i - 1];
+      if (y < height - 1) sum = sum + mGY[i];
+      if (x < width - 1) sum = sum + mGX[i];
+      pixels.parentG[i] = pixels.parentConst[i] * pixels.parentVar[i];
+      sum = sum + pixels.parentG[i];
+      const float md = aAlpha * mWeight[i] * mConf[i] + oneMinusAlpha * sum;
+      pixels.md[i] = md;
+      pixels.omegaOverMd[i] = aOmega / md;
+    }
+  for (int l = 1; l < layers; l++) {
+    CLayer& layer = mLayers[l];
+    for (int p = 0; p < layer.nodes; p++) {
+      float sum = 0.0f;
+      for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) sum = sum + layer.nbrG[j];
+      for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) sum = sum + layer.childG[j];
+      layer.parentG[p] = layer.parentConst[p] * layer.parentVar[p];
+      sum = sum + layer.parentG[p];
+      layer.md[p] = sum;
+      layer.omegaOverMd[p] = aOmega / sum;
+    }
+  }
+}
+
+// One Gauss-Seidel pass over the pixels for the labels of one chunk: each
+// pixel reads the new degrees of the pixels before it and the old ones of the
+// pixels after it and of its parent.
+void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
+  CLayer& pixels = mLayers[0];
+  const int width = mXSize;
+  const int height = mYSize;
+  float* u = chunk(pixels, aChunk);
+  const float* rhs = mRhs.data() + static_cast<size_t>(aChunk) * pixels.nodes * 4;
+  const bool hasParent = size() > 1;
+  const float* parentValues = hasParent ? chunk(mLayers[1], aChunk) : nullptr;
+  const __m128 oneMinusAlpha = _mm_set1_ps(1.0f - aAlpha);
+  const __m128 oneMinusOmega = _mm_set1_ps(1.0f - aOmega);
+  const float* gx = mGX.data();
+  const float* gy = mGY.data();
+  auto update = [&](int i, bool up, bool left, bool down, bool right) {
+    __m128 out = _mm_setzero_ps();
+    if (up) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gy[i - width]), _mm_loadu_ps(u + 4 * (i - width))));
+    if (left) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gx[i - 1]), _mm_loadu_ps(u + 4 * (i - 1))));
+    if (down) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gy[i]), _mm_loadu_ps(u + 4 * (i + width))));
+    if (right) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gx[i]), _mm_loadu_ps(u + 4 * (i + 1))));
+    if (hasParent)
+      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(pixels.parentG[i]),
+                                       _mm_loadu_ps(parentValues + 4 * pixels.parent[i])));
+    if (pixels.md[i] == 0.0f) return;
+    out = _mm_mul_ps(oneMinusAlpha, out);
+    const __m128 old = _mm_loadu_ps(u + 4 * i);
+    const __m128 step = _mm_mul_ps(_mm_set1_ps(pixels.omegaOverMd[i]), _mm_sub_ps(_mm_loadu_ps(rhs + 4 * i), out));
+    _mm_storeu_ps(u + 4 * i, clampUnit(_mm_add_ps(_mm_mul_ps(oneMinusOmega, old), step)));
+  };
+  for (int y = 0; y < height; y++) {
+    const bool up = y > 0;
+    const bool down = y < height - 1;
+    const int row = y * width;
+    update(row, up, false, down, width > 1);
+    if (up && down) {
+      for (int x = 1; x < width - 1; x++) update(row + x, true, true, true, true);
+    } else {
+      for (int x = 1; x < width - 1; x++) update(row + x, up, true, down, true);
+    }
+    if (width > 1) update(row + width - 1, up, true, down, false);
+  }
+}
+
+// One Gauss-Seidel pass over a coarser layer for the labels of one chunk.
+void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
+  CLayer& layer = mLayers[aLayer];
+  float* u = chunk(layer, aChunk);
+  const float* below = chunk(mLayers[aLayer - 1], aChunk);
+  const bool hasParent = aLayer + 1 < size();
+  const float* above = hasParent ? chunk(mLayers[aLayer + 1], aChunk) : nullptr;
+  const __m128 oneMinusOmega = _mm_set1_ps(1.0f - aOmega);
+  for (int p = 0; p < layer.nodes; p++) {
+    __m128 out = _mm_setzero_ps();
+    for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++)
+      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.nbrG[j]), _mm_loadu_ps(u + 4 * layer.nbr[j])));
+    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++)
+      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.childG[j]), _mm_loadu_ps(below + 4 * layer.child[j])));
+    if (hasParent)
+      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.parentG[p]), _mm_loadu_ps(above + 4 * layer.parent[p])));
+    if (layer.md[p] == 0.0f) continue;
+    const __m128 old = _mm_loadu_ps(u + 4 * p);
+    const __m128 step = _mm_mul_ps(_mm_set1_ps(layer.omegaOverMd[p]), _mm_sub_ps(_mm_setzero_ps(), out));
+    _mm_storeu_ps(u + 4 * p, clampUnit(_mm_add_ps(_mm_mul_ps(oneMinusOmega, old), step)));
+  }
+}
+
+// Projection of one node's degrees onto the simplex, as the layers'
+// normalize does it: rounds of thresholding, one per label. A round whose
+// threshold equals the previous one to the bit selects the same degrees
+// again, so all later rounds repeat it and are skipped.
+void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode) {
+  float v[256];
+  float* values = mLabels <= 256 ? v : nullptr;
+  std::vector<float> large;
+  if (values == nullptr) {
+    large.resize(mLabels);
+    values = large.data();
+  }
+  gather(aLayer, aNode, values);
+  float mu = -1e10f;
+  for (int round = 0; round < mLabels; round++) {
+    float sum = 0.0f;
+    float count = 0.0f;
+    for (int i = 0; i < mLabels; i++)
+      if (values[i] > mu) {
+        sum += values[i];
+        count += 1.0f;
+      }
+    const float next = (sum - 1.0f) / count;
+    const bool settled = sameBits(next, mu);
+    mu = next;
+    if (settled) break;
+  }
+  for (int i = 0; i < mLabels; i++) values[i] = std::max(values[i] - mu, 0.0f);
+  scatter(aLayer, aNode, values);
+}
+
+void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight,
+                           float aAlpha, float aOmega, int maxiter) {
+  const int width = mXSize;
+  const int n = width * mYSize;
+  // Data term: constant for the whole solve.
+  mConf.resize(n);
+  mWeight.resize(n);
+  mRhs.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+  for (int i = 0; i < n; i++) {
+    const int x = i % width;
+    const int y = i / width;
+    const float c = aConf(x, y) == 1.0f ? 1.0f : 0.0f;
+    const float w = aWeight(x, y);
+    mConf[i] = c;
+    mWeight[i] = w;
+    for (int k = 0; k < mLabels; k++) mRhs[slot(mLayers[0], i, k)] = w * aAlpha * c * aLabels(x, y, k);
+  }
+  const int layers = size();
+  for (int iter = 0; iter < maxiter; iter++) {
+    computeWeights(aAlpha, aOmega);
+#pragma omp parallel
+    {
+      const int thread = omp_get_thread_num();
+      const int threads = omp_get_num_threads();
+      for (int inner = 0; inner < kInnerIterations; inner++) {
+        for (int c = thread; c < mChunks; c += threads) {
+          sweepPixels(c, aAlpha, aOmega);
+          for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
+        }
+#pragma omp barrier
+        for (int l = 0; l < layers; l++) {
+          CLayer& layer = mLayers[l];
+#pragma omp for schedule(static)
+          for (int p = 0; p < layer.nodes; p++) normalizeNode(layer, p);
+        }
+      }
+    }
+  }
+}

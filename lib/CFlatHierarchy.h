@@ -1,0 +1,88 @@
+// The superpixel hierarchy in flat arrays, with its solver. It builds the same
+// nodes, links and weights as CHierarchy and relaxes them exactly as
+// solveSegmentation_SOR does, operation for operation, so the degrees agree
+// to the last bit; it is only laid out for speed:
+// - the pixel layer is implicit (the 4-neighbours of a pixel are found by
+//   index arithmetic) and every other link is held in compressed lists;
+// - the degrees are stored in chunks of up to four labels, node after node,
+//   so one walk of a node's edges updates all labels of a chunk at once with
+//   SIMD lanes; within one inner iteration the label passes are independent,
+//   so the chunks are shared out among the threads;
+// - edge weights, weight sums and the over-relaxation factor per node are
+//   formed once per outer iteration with the same float operations.
+#pragma once
+
+#include <vector>
+
+#include "CMatrix.h"
+#include "CTensor.h"
+
+class CFlatHierarchy {
+public:
+  // aImg: starting degrees of the pixels, one layer per label; aSegs[0] the
+  // image that weights the pixel edges, aSegs[k] the segmentation of layer k.
+  CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTensor<float>>& aSegs);
+
+  int size() const { return static_cast<int>(mLayers.size()); }
+  int layerSize(int aLayer) const { return mLayers[aLayer].nodes; }
+  float value(int aLayer, int aNode, int aLabel) const;
+
+  // The data weight spread over the superpixels of layer 1, as
+  // CSuperpixelLayer::distanceFunction does.
+  void distanceFunction(CMatrix<float>& aDistance) const;
+  // The pixel degrees into aResult (working size, one layer per label).
+  void convertToImage(CTensor<float>& aResult) const;
+  // The relaxation of solveSegmentation_SOR with the data weight aWeight.
+  void solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight, float aAlpha,
+             float aOmega, int maxiter);
+
+private:
+  struct CLayer {
+    int nodes = 0;
+    std::vector<float> x, y;           // centre
+    std::vector<int> firstLeaf;        // pixel index of the first-child-first leaf
+    std::vector<int> parent;           // node in the layer above, -1 in the top layer
+    std::vector<float> parentConst;    // constant weight of the edge to the parent
+    std::vector<float> parentVar;      // value-dependent weight of that edge
+    std::vector<float> parentG;        // their product
+    std::vector<int> childStart, child;       // children in the layer below
+    std::vector<float> childConst, childG;    // per child edge, parent side
+    std::vector<int> nbrStart, nbr;           // neighbours (coarser layers only)
+    std::vector<float> nbrDist, nbrConst, nbrG;
+    std::vector<float> md;             // weight sum (pixels: with the data term)
+    std::vector<float> omegaOverMd;
+    std::vector<float> values;         // [chunk][node][lane]
+  };
+
+  float* chunk(CLayer& aLayer, int aChunk) { return aLayer.values.data() + static_cast<size_t>(aChunk) * aLayer.nodes * 4; }
+  int chunkOf(int aLabel) const { return aLabel / mLanes; }
+  int laneOf(int aLabel) const { return aLabel % mLanes; }
+  size_t slot(const CLayer& aLayer, int aNode, int aLabel) const {
+    return (static_cast<size_t>(chunkOf(aLabel)) * aLayer.nodes + aNode) * 4 + laneOf(aLabel);
+  }
+  void gather(const CLayer& aLayer, int aNode, float* aOut) const;
+  void scatter(CLayer& aLayer, int aNode, const float* aIn);
+
+  void buildPixelLayer(const CTensor<float>& aImg, const CTensor<float>& aImage);
+  void buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg);
+  void linkNeighbours(int aLayer);
+  void pixelNeighbours(int aPixel, std::vector<int>& aOut) const;
+
+  void computeWeights(float aAlpha, float aOmega);
+  void computePixelVariableWeights();
+  void sweepPixels(int aChunk, float aAlpha, float aOmega);
+  void sweepLayer(int aLayer, int aChunk, float aOmega);
+  void normalizeNode(CLayer& aLayer, int aNode);
+
+  int mXSize = 0;
+  int mYSize = 0;
+  int mLabels = 0;
+  int mLanes = 1;   // labels per chunk, at most 4
+  int mChunks = 0;
+  float mDistRelaxation = 0.0f;
+  std::vector<CLayer> mLayers;
+  // Pixel edges: X(i) to the right neighbour, Y(i) to the one below.
+  std::vector<float> mConstX, mConstY, mVarX, mVarY, mGX, mGY;
+  // Per pixel and solve: data-term flag and weight, and rhs per label chunk.
+  std::vector<float> mConf, mWeight, mRhs;
+};

@@ -1,0 +1,232 @@
+// The flat-array hierarchy and solver against the node-by-node reference:
+// every degree must agree to the bit.
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "CFlatHierarchy.h"
+#include "CHierarchy.h"
+#include "CSuperpixel.h"
+#include "CSuperpixelLayer.h"
+#include "CUtility.h"
+#include "Driver.h"
+#include "Solver.h"
+#include "TestSupport.h"
+
+namespace {
+
+bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof(float)) == 0; }
+
+struct CCase {
+  int width = 0;
+  int height = 0;
+  int labels = 0;
+  CTensor<float> start;   // starting degrees
+  std::vector<CTensor<float>> segs;
+  CTensor<float> sparse;  // sparse label function
+  CMatrix<float> conf;
+  CMatrix<float> weight;
+};
+
+// Region ids of one segmentation level: nested levels merge the previous
+// level's regions by a coarser grid of their first pixels, others are drawn
+// independently as nearest-seed regions.
+std::vector<int> regions(int aWidth, int aHeight, int aSeeds, std::mt19937& aRandom) {
+  std::uniform_int_distribution<int> px(0, aWidth - 1);
+  std::uniform_int_distribution<int> py(0, aHeight - 1);
+  std::vector<int> sx(aSeeds), sy(aSeeds);
+  for (int s = 0; s < aSeeds; s++) {
+    sx[s] = px(aRandom);
+    sy[s] = py(aRandom);
+  }
+  std::vector<int> id(aWidth * aHeight);
+  for (int y = 0; y < aHeight; y++)
+    for (int x = 0; x < aWidth; x++) {
+      int best = 0;
+      for (int s = 1; s < aSeeds; s++)
+        if ((x - sx[s]) * (x - sx[s]) + (y - sy[s]) * (y - sy[s]) <
+            (x - sx[best]) * (x - sx[best]) + (y - sy[best]) * (y - sy[best]))
+          best = s;
+      id[y * aWidth + x] = best;
+    }
+  return id;
+}
+
+CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested) {
+  std::mt19937 random(aSeed);
+  CCase c;
+  c.width = std::uniform_int_distribution<int>(1, 23)(random);
+  c.height = std::uniform_int_distribution<int>(1, 19)(random);
+  c.labels = std::uniform_int_distribution<int>(1, 7)(random);
+  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+  c.start = CTensor<float>(c.width, c.height, c.labels);
+  for (int y = 0; y < c.height; y++)
+    for (int x = 0; x < c.width; x++) {
+      float sum = 0.0f;
+      for (int k = 0; k < c.labels; k++) sum += (c.start(x, y, k) = unit(random));
+      for (int k = 0; k < c.labels; k++) c.start(x, y, k) /= sum;
+    }
+  CTensor<float> image(c.width, c.height, 3);
+  for (int i = 0; i < image.size(); i++) image.data()[i] = std::floor(unit(random) * 256.0f);
+  c.segs.push_back(image);
+  std::vector<int> previous(c.width * c.height);
+  for (int i = 0; i < c.width * c.height; i++) previous[i] = i;
+  int seeds = std::max(2, c.width * c.height / 4);
+  for (int layer = 1; layer <= aCoarserLayers; layer++) {
+    std::vector<int> id = regions(c.width, c.height, seeds, random);
+    if (aNested) {
+      // Every previous region goes wholly to the new region of its first pixel.
+      std::vector<int> of(c.width * c.height, -1);
+      for (int i = 0; i < c.width * c.height; i++)
+        if (of[previous[i]] < 0) of[previous[i]] = id[i];
+      for (int i = 0; i < c.width * c.height; i++) id[i] = of[previous[i]];
+    }
+    CTensor<float> seg(c.width, c.height, 3);
+    for (int i = 0; i < c.width * c.height; i++) {
+      // A few regions share a colour on purpose: they become one node.
+      const int colour = id[i] % 11 == 10 ? 7 : id[i];
+      seg.data()[i] = static_cast<float>((colour * 53) % 256);
+      seg.data()[i + c.width * c.height] = static_cast<float>((colour * 101 + layer * 17) % 256);
+      seg.data()[i + 2 * c.width * c.height] = static_cast<float>(colour / 3 % 256);
+    }
+    c.segs.push_back(seg);
+    previous = id;
+    seeds = std::max(1, seeds / 3);
+  }
+  c.sparse = CTensor<float>(c.width, c.height, c.labels, 0.0f);
+  c.conf = CMatrix<float>(c.width, c.height, 0.0f);
+  c.weight = CMatrix<float>(c.width, c.height);
+  for (int y = 0; y < c.height; y++)
+    for (int x = 0; x < c.width; x++) {
+      const float draw = unit(random);
+      if (draw < 0.2f) {
+        c.conf(x, y) = 1.0f;
+        c.sparse(x, y, std::uniform_int_distribution<int>(0, c.labels - 1)(random)) = 1.0f;
+      } else if (draw < 0.25f) {
+        c.conf(x, y) = 0.5f;  // not exactly 1: no data term
+      }
+      c.weight(x, y) = 0.2f + 2.0f * unit(random);
+    }
+  return c;
+}
+
+void expectSameDegrees(CHierarchy& aReference, const CFlatHierarchy& aFlat, int aLabels, const std::string& aWhat) {
+  ASSERT_EQ(aReference.size(), aFlat.size()) << aWhat;
+  for (int l = 0; l < aReference.size(); l++) {
+    const std::vector<CSuperpixel*>& nodes = aReference.getLayer(l)->getSP();
+    ASSERT_EQ(static_cast<int>(nodes.size()), aFlat.layerSize(l)) << aWhat << " layer " << l;
+    for (size_t n = 0; n < nodes.size(); n++)
+      for (int k = 0; k < aLabels; k++)
+        ASSERT_TRUE(sameBits(nodes[n]->getValue(k), aFlat.value(l, static_cast<int>(n), k)))
+            << aWhat << " layer " << l << " node " << n << " label " << k << ": " << nodes[n]->getValue(k)
+            << " != " << aFlat.value(l, static_cast<int>(n), k);
+  }
+}
+
+void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads) {
+  const std::string what = "seed " + std::to_string(aSeed) + ", " + std::to_string(aCoarserLayers) +
+                           " layers, " + (aNested ? "nested" : "not nested") + ", " +
+                           std::to_string(aThreads) + " threads";
+  CCase c = randomCase(aSeed, aCoarserLayers, aNested);
+  omp_set_num_threads(aThreads);
+  CHierarchy reference(c.start, c.segs);
+  CFlatHierarchy flat(c.start, c.segs);
+  CMatrix<float> weightReference(c.weight);
+  CMatrix<float> weightFlat(c.weight);
+  if (aCoarserLayers > 0) {
+    reference.getLayer(1)->distanceFunction(weightReference);
+    flat.distanceFunction(weightFlat);
+    for (int i = 0; i < weightFlat.size(); i++)
+      ASSERT_TRUE(sameBits(weightReference.data()[i], weightFlat.data()[i])) << what << " weight " << i;
+  }
+  mLabNo = c.labels;
+  mweight = weightReference;
+  const float alpha = aSeed % 3 == 0 ? 0.0f : 0.3f;
+  const float omega = aSeed % 4 == 0 ? 1.0f : 1.9f;
+  solveSegmentation_SOR(reference, c.conf, c.sparse, alpha, omega, 3);
+  flat.solve(c.conf, c.sparse, weightFlat, alpha, omega, 3);
+  expectSameDegrees(reference, flat, c.labels, what);
+  CTensor<float> image(c.width, c.height, c.labels);
+  flat.convertToImage(image);
+  for (int i = 0; i < image.size(); i++)
+    ASSERT_TRUE(sameBits(image.data()[i], reference.getLayer(0)->getSP()[i % (c.width * c.height)]->getValue(
+                                              i / (c.width * c.height))));
+}
+
+}  // namespace
+
+TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
+  const int threadsBefore = omp_get_max_threads();
+  for (unsigned seed = 1; seed <= 24; seed++)
+    for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
+  omp_set_num_threads(threadsBefore);
+}
+
+TEST(FlatSolver, ZeroIterationsLeaveTheStartingDegrees) {
+  CCase c = randomCase(99, 2, true);
+  CHierarchy reference(c.start, c.segs);
+  CFlatHierarchy flat(c.start, c.segs);
+  flat.solve(c.conf, c.sparse, c.weight, 0.3f, 1.9f, 0);
+  expectSameDegrees(reference, flat, c.labels, "no iterations");
+}
+
+TEST(FlatSolver, NoLayersIsTheSameError) {
+  CTensor<float> start(4, 4, 2, 0.5f);
+  std::vector<CTensor<float>> none;
+  testing::internal::CaptureStderr();
+  EXPECT_THROW(CFlatHierarchy(start, none), CHierarchy::EMissingLayers);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Exception EMissingLayers: 0 is too less layers\n");
+}
+
+TEST(FlatSolver, WholeRunsGiveTheSameFilesAsTheReference) {
+  NTest::CScratchDir dir;
+  std::mt19937 random(5);
+  const int width = 37;
+  const int height = 29;
+  CTensor<float> image(width, height, 3);
+  for (int y = 0; y < height; y++)
+    for (int x = 0; x < width; x++)
+      for (int z = 0; z < 3; z++)
+        image(x, y, z) = static_cast<float>((x < 18 ? 60 : 170) + z * 20 + static_cast<int>(random() % 9));
+  image.writeToPPM(dir.file("img.ppm").c_str());
+  for (int k = 0; k < 3; k++) {
+    CTensor<float> seg(width, height, 3);
+    const int block = 2 << k;
+    for (int y = 0; y < height; y++)
+      for (int x = 0; x < width; x++) {
+        const int id = (y / block) * 31 + x / block;
+        seg(x, y, 0) = static_cast<float>(id % 256);
+        seg(x, y, 1) = static_cast<float>(id / 256 + 40 * k);
+        seg(x, y, 2) = static_cast<float>((x < 18) * 100);
+      }
+    seg.writeToPPM(dir.file("img_seg" + std::to_string(k) + ".ppm").c_str());
+  }
+  CTensor<float> labels(width, height, 3, 255.0f);
+  const float colours[4][3] = {{255, 0, 0}, {0, 0, 255}, {0, 120, 0}, {0, 0, 0}};
+  const int spots[4][2] = {{3, 3}, {30, 20}, {10, 25}, {25, 5}};
+  for (int l = 0; l < 4; l++)
+    for (int z = 0; z < 3; z++) labels(spots[l][0], spots[l][1], z) = colours[l][z];
+  labels.writeToPPM(dir.file("labels.ppm").c_str());
+
+  const std::string image0 = dir.file("img.ppm");
+  std::vector<std::string> results;
+  for (NDriver::ESolverPath path : {NDriver::ESolverPath::Reference, NDriver::ESolverPath::Fast}) {
+    const std::string prefix = dir.file(path == NDriver::ESolverPath::Fast ? "fast-" : "reference-");
+    std::vector<std::string> args = {"tarnwick", image0, "3", "labels.ppm", "0", "0.3", "2", prefix};
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(NDriver::main(static_cast<int>(argv.size()), argv.data(), path), 0);
+    testing::internal::GetCapturedStdout();
+    std::string all;
+    for (const char* name : {"img_dense_soft.ppm", "img_dense.ppm", "img_denseOUT.ppm"})
+      all += NTest::readFile(prefix + "TarnwickResults/" + name);
+    results.push_back(all);
+  }
+  EXPECT_EQ(results[0].size(), results[1].size());
+  EXPECT_TRUE(results[0] == results[1]);
+}
