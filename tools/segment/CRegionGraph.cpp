@@ -9,7 +9,7 @@
 namespace {
 
 // Weight of the squared texture difference against the squared colour difference.
-constexpr double kTextureWeight = 1.0;
+constexpr double kTextureWeight = 8.0;
 // Weight of the boundary contrast relative to the regions' inner contrast.
 constexpr double kBoundaryWeight = 1.0;
 

@@ -12,7 +12,7 @@
 class CRegionGraph {
 public:
   // aRegions holds region indices 0 .. aCount - 1; aFeatures holds per-pixel
-  // colour features (here smoothed CIELab) of the same width and height.
+  // colour features (here CIELab) of the same width and height.
   CRegionGraph(const CTensor<float>& aFeatures, const CMatrix<int>& aRegions, int aCount);
 
   int count() const { return mAlive; }

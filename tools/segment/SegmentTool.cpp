@@ -148,8 +148,8 @@ COptions parseArguments(const std::vector<std::string>& aArgs) {
   if (!regions.empty()) {
     options.regions = parseRegions(regions);
     if (static_cast<int>(options.regions.size()) != options.levels)
-      throw EArgumentError("--regions", "gives " + std::to_string(options.regions.size()) + " counts for K = " +
-                                            std::to_string(options.levels) + " levels");
+      throw EArgumentError("--regions", std::to_string(options.regions.size()) + " count(s) given for K = " +
+                                            std::to_string(options.levels) + ", one per level needed");
   }
   return options;
 }

@@ -94,11 +94,13 @@ std::vector<CMatrix<int>> segment(const CTensor<float>& aImage, const std::vecto
   std::vector<CMatrix<int>> levels;
   if (aCounts.empty()) return levels;
   const int pixels = aImage.xSize() * aImage.ySize();
-  const CTensor<float> lab = smooth(toLab(aImage));
+  // The clustering sees a smoothed image, so that noise does not fray the
+  // superpixels; the merging measures texture, so it sees the image as it is.
+  const CTensor<float> lab = toLab(aImage);
   const int finest = std::clamp(aCounts.front(), 1, std::max(pixels, 1));
   const int seeds = static_cast<int>(std::min<double>(std::ceil(finest * kOverSegmentation), std::max(pixels, 1)));
   CMatrix<int> pieces;
-  const int count = connectedComponents(slic(lab, seeds, kCompactness, kIterations), pieces);
+  const int count = connectedComponents(slic(smooth(lab), seeds, kCompactness, kIterations), pieces);
   CRegionGraph graph(lab, pieces, count);
   graph.absorbSmall(static_cast<int>(kMinPieceFraction * pixels / seeds));
   for (const int target : aCounts) {

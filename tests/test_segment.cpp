@@ -1,0 +1,349 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <map>
+#include <set>
+
+#include "CRegionGraph.h"
+#include "SegmentTool.h"
+#include "Segmenter.h"
+#include "Superpixels.h"
+#include "TestSupport.h"
+
+namespace {
+
+// A small scene: shaded background, a disc, a bar, a low-contrast square, noise.
+CTensor<float> scene(int aWidth, int aHeight) {
+  CTensor<float> image(aWidth, aHeight, 3);
+  uint32_t state = 12345;
+  for (int y = 0; y < aHeight; y++)
+    for (int x = 0; x < aWidth; x++) {
+      std::array<float, 3> rgb = {90.0f + x * 0.3f, 120.0f, 150.0f - y * 0.2f};
+      const int dx = x - aWidth / 3;
+      const int dy = y - aHeight / 2;
+      if (dx * dx + dy * dy < aHeight * aHeight / 9) rgb = {220, 200, 40};
+      if (x > aWidth * 2 / 3 && x < aWidth * 3 / 4) rgb = {30, 60, 30};
+      if (x > aWidth / 8 && x < aWidth / 4 && y < aHeight / 4) rgb[1] += 25;
+      for (int c = 0; c < 3; c++) {
+        state = state * 1664525u + 1013904223u;
+        image(x, y, c) = std::clamp(rgb[static_cast<size_t>(c)] + static_cast<float>(state >> 28) - 8.0f, 0.0f, 255.0f);
+      }
+    }
+  return image;
+}
+
+int regionCount(const CMatrix<int>& aLabels) {
+  return aLabels.size() > 0 ? *std::max_element(aLabels.data(), aLabels.data() + aLabels.size()) + 1 : 0;
+}
+
+// Labels of a painted image: one label per distinct colour, as the labelling tool reads it.
+CMatrix<int> colourLabels(const CTensor<float>& aPainted) {
+  const int n = aPainted.xSize() * aPainted.ySize();
+  std::map<std::array<float, 3>, int> labelOf;
+  CMatrix<int> labels(aPainted.xSize(), aPainted.ySize());
+  for (int i = 0; i < n; i++) {
+    const std::array<float, 3> colour = {aPainted.data()[i], aPainted.data()[i + n], aPainted.data()[i + 2 * n]};
+    labels.data()[i] = labelOf.emplace(colour, static_cast<int>(labelOf.size())).first->second;
+  }
+  return labels;
+}
+
+bool nested(const CMatrix<int>& aFine, const CMatrix<int>& aCoarse) {
+  std::map<int, int> parent;
+  for (int i = 0; i < aFine.size(); i++)
+    if (parent.emplace(aFine.data()[i], aCoarse.data()[i]).first->second != aCoarse.data()[i]) return false;
+  return true;
+}
+
+// Every label forms a single 4-connected piece.
+bool connected(const CMatrix<int>& aLabels) {
+  CMatrix<int> pieces;
+  return NSegment::connectedComponents(aLabels, pieces) == regionCount(aLabels);
+}
+
+CTensor<float> readPixmap(const std::string& aPath) {
+  CTensor<float> image;
+  image.readFromPPM(aPath.c_str());
+  return image;
+}
+
+NTest::CRunResult segmentTool(const std::vector<std::string>& aArgs, const std::string& aWorkDir = ".",
+                              const std::vector<std::string>& aEnv = {}) {
+  return NTest::run(TARNWICK_SEGMENT_EXE, aArgs, aWorkDir, aEnv);
+}
+
+}  // namespace
+
+TEST(SegmentHierarchy, LevelsAreNestedConnectedAndOfTheRequestedSize) {
+  const CTensor<float> image = scene(160, 120);
+  const std::vector<int> counts = {96, 24, 6};
+  const std::vector<CMatrix<int>> levels = NSegment::segment(image, counts);
+  ASSERT_EQ(levels.size(), counts.size());
+  for (size_t k = 0; k < levels.size(); k++) {
+    SCOPED_TRACE(k);
+    EXPECT_EQ(levels[k].xSize(), 160);
+    EXPECT_EQ(levels[k].ySize(), 120);
+    EXPECT_EQ(regionCount(levels[k]), counts[k]);
+    EXPECT_TRUE(connected(levels[k]));
+    if (k > 0) {
+      EXPECT_TRUE(nested(levels[k - 1], levels[k]));
+    }
+  }
+}
+
+TEST(SegmentHierarchy, CoarseRegionsFollowStrongEdges) {
+  // Two noisy halves: two regions must be exactly the halves, and no
+  // finer region may straddle the edge.
+  CTensor<float> image = scene(64, 48);
+  for (int y = 0; y < 48; y++)
+    for (int x = 0; x < 64; x++) {
+      image(x, y, 0) = x < 40 ? 200.0f + (x * 7 + y * 3) % 11 : 40.0f + (x * 5 + y) % 13;
+      image(x, y, 1) = 90.0f;
+      image(x, y, 2) = x < 40 ? 60.0f : 180.0f;
+    }
+  const std::vector<CMatrix<int>> levels = NSegment::segment(image, {30, 8, 2});
+  // Regions are connected, so one that straddled the edge would touch itself across it.
+  for (const CMatrix<int>& level : levels)
+    for (int y = 0; y < 48; y++) EXPECT_NE(level(39, y), level(40, y)) << "a region crosses the edge in row " << y;
+  EXPECT_EQ(regionCount(levels[2]), 2);
+}
+
+TEST(SegmentHierarchy, DegenerateImagesAndCounts) {
+  // A single pixel, a single row, a flat image, more regions than pixels and
+  // a count that grows from one level to the next.
+  EXPECT_EQ(regionCount(NSegment::segment(CTensor<float>(1, 1, 3, 7.0f), {5, 2})[1]), 1);
+  const std::vector<CMatrix<int>> row = NSegment::segment(scene(50, 1), {10, 3});
+  EXPECT_EQ(regionCount(row[0]), 10);
+  EXPECT_EQ(regionCount(row[1]), 3);
+  EXPECT_TRUE(connected(row[1]));
+  const std::vector<CMatrix<int>> flat = NSegment::segment(CTensor<float>(40, 30, 3, 100.0f), {12, 4});
+  EXPECT_EQ(regionCount(flat[0]), 12);
+  EXPECT_TRUE(connected(flat[0]) && connected(flat[1]) && nested(flat[0], flat[1]));
+  const std::vector<CMatrix<int>> tiny = NSegment::segment(scene(4, 3), {50, 20});
+  EXPECT_LE(regionCount(tiny[0]), 12);
+  EXPECT_TRUE(connected(tiny[0]));
+  const std::vector<CMatrix<int>> growing = NSegment::segment(scene(40, 30), {5, 9});
+  EXPECT_EQ(regionCount(growing[1]), 5);
+  EXPECT_TRUE(NSegment::segment(scene(8, 8), {}).empty());
+}
+
+TEST(SegmentHierarchy, SameInputGivesTheSameOutput) {
+  const CTensor<float> image = scene(96, 72);
+  const std::vector<CMatrix<int>> a = NSegment::segment(image, {40, 10});
+  const std::vector<CMatrix<int>> b = NSegment::segment(image, {40, 10});
+  for (size_t k = 0; k < a.size(); k++)
+    EXPECT_TRUE(std::equal(a[k].data(), a[k].data() + a[k].size(), b[k].data()));
+}
+
+TEST(SegmentRegionGraph, MergesMostSimilarNeighboursFirst) {
+  // Four stripes: 0 and 1 alike, 2 and 3 alike, 1 and 2 very different.
+  CTensor<float> lab(8, 2, 3, 0.0f);
+  CMatrix<int> regions(8, 2);
+  const float shade[4] = {10, 12, 80, 83};
+  for (int y = 0; y < 2; y++)
+    for (int x = 0; x < 8; x++) {
+      regions(x, y) = x / 2;
+      lab(x, y, 0) = shade[x / 2];
+    }
+  CRegionGraph graph(lab, regions, 4);
+  graph.mergeDownTo(2);
+  const CMatrix<int> two = graph.labels();
+  EXPECT_EQ(graph.count(), 2);
+  EXPECT_EQ(two(0, 0), two(3, 1));
+  EXPECT_EQ(two(4, 0), two(7, 1));
+  EXPECT_NE(two(3, 0), two(4, 0));
+  graph.mergeDownTo(1);
+  EXPECT_EQ(regionCount(graph.labels()), 1);
+}
+
+TEST(SegmentRegionGraph, AbsorbsSmallPiecesIntoTheClosestNeighbour) {
+  // A one-pixel piece between a dark and a bright piece joins the bright one.
+  CTensor<float> lab(5, 1, 3, 0.0f);
+  CMatrix<int> regions(5, 1);
+  const int piece[5] = {0, 0, 1, 2, 2};
+  const float light[5] = {10, 10, 70, 60, 60};
+  for (int x = 0; x < 5; x++) {
+    regions(x, 0) = piece[x];
+    lab(x, 0, 0) = light[x];
+  }
+  CRegionGraph graph(lab, regions, 3);
+  graph.absorbSmall(2);
+  const CMatrix<int> labels = graph.labels();
+  EXPECT_EQ(graph.count(), 2);
+  EXPECT_EQ(labels(2, 0), labels(3, 0));
+  EXPECT_NE(labels(1, 0), labels(2, 0));
+}
+
+TEST(SegmentPaint, EveryRegionGetsItsOwnColourNearItsMean) {
+  // Regions 0 and 1 share the mean colour (10, 20, 30); region 2 is black in a
+  // corner of the colour cube; region 3 has a fractional mean.
+  CTensor<float> image(4, 1, 3, 0.0f);
+  CMatrix<int> labels(4, 1);
+  for (int x = 0; x < 4; x++) labels(x, 0) = x;
+  for (int x = 0; x < 2; x++) {
+    image(x, 0, 0) = 10;
+    image(x, 0, 1) = 20;
+    image(x, 0, 2) = 30;
+  }
+  image(3, 0, 0) = 100.4f;
+  image(3, 0, 1) = 100.6f;
+  image(3, 0, 2) = 255.0f;
+  const CTensor<float> painted = NSegment::paintRegions(image, labels);
+  auto colour = [&](int x) { return std::array<float, 3>{painted(x, 0, 0), painted(x, 0, 1), painted(x, 0, 2)}; };
+  EXPECT_EQ(colour(0), (std::array<float, 3>{10, 20, 30}));
+  const std::array<float, 3> nudged = colour(1);
+  EXPECT_FLOAT_EQ(std::abs(nudged[0] - 10) + std::abs(nudged[1] - 20) + std::abs(nudged[2] - 30), 1.0f);
+  EXPECT_EQ(colour(2), (std::array<float, 3>{0, 0, 0}));
+  EXPECT_EQ(colour(3), (std::array<float, 3>{100, 101, 255}));
+}
+
+TEST(SegmentPaint, ManyRegionsOfOneColourStayDistinct) {
+  // 3000 single-pixel regions, all black: the nearest free colours fill the
+  // corner of the colour cube without any repeat.
+  const int n = 3000;
+  CMatrix<int> labels(n, 1);
+  for (int x = 0; x < n; x++) labels(x, 0) = x;
+  const CTensor<float> painted = NSegment::paintRegions(CTensor<float>(n, 1, 3, 0.0f), labels);
+  std::set<std::array<float, 3>> colours;
+  float farthest = 0;
+  for (int x = 0; x < n; x++) {
+    colours.insert({painted(x, 0, 0), painted(x, 0, 1), painted(x, 0, 2)});
+    farthest = std::max({farthest, painted(x, 0, 0), painted(x, 0, 1), painted(x, 0, 2)});
+  }
+  EXPECT_EQ(colours.size(), static_cast<size_t>(n));
+  EXPECT_LE(farthest, 25.0f);
+}
+
+TEST(SegmentDefaults, RegionCountsFallGeometrically) {
+  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 3), (std::vector<int>{1536, 397, 102}));
+  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 1), (std::vector<int>{1536}));
+  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 2), (std::vector<int>{1536, 102}));
+  EXPECT_EQ(NSegment::defaultRegionCounts(10, 3), (std::vector<int>{1, 1, 1}));
+  EXPECT_TRUE(NSegment::defaultRegionCounts(100, 0).empty());
+  const std::vector<int> many = NSegment::defaultRegionCounts(1000000, 10);
+  EXPECT_TRUE(std::is_sorted(many.rbegin(), many.rend()));
+  EXPECT_EQ(many.front(), 5000);
+  EXPECT_EQ(many.back(), 333);
+}
+
+TEST(SegmentTool, ParsesOptionsAnywhereAndChecksThem) {
+  using NSegmentTool::parseArguments;
+  const NSegmentTool::COptions a = parseArguments({"-o", "out", "f.ppm", "3", "--regions=90,30,30"});
+  EXPECT_EQ(a.image, "f.ppm");
+  EXPECT_EQ(a.levels, 3);
+  EXPECT_EQ(a.outputDir, "out");
+  EXPECT_EQ(a.regions, (std::vector<int>{90, 30, 30}));
+  EXPECT_EQ(parseArguments({"f.ppm", "0", "--output=d/"}).outputDir, "d/");
+  EXPECT_TRUE(parseArguments({"f.ppm", "x", "--help"}).help);
+  EXPECT_TRUE(parseArguments({"--version"}).version);
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {}, {"f.ppm"}, {"f.ppm", "3", "extra"}, {"f.ppm", "-1"}, {"f.ppm", "11"}, {"f.ppm", "2.5"}, {"f.ppm", "3x"},
+           {"f.ppm", "99999999999999999999"}, {"f.ppm", "2", "--frobnicate"}, {"f.ppm", "2", "-o"},
+           {"f.ppm", "2", "--output="}, {"f.ppm", "2", "-r", "10"}, {"f.ppm", "2", "-r", "10,20"},
+           {"f.ppm", "2", "-r", "10,0"}, {"f.ppm", "2", "-r", "10,,5"}, {"f.ppm", "2", "-r", "10,5,"}}) {
+    EXPECT_THROW(parseArguments(bad), NSegmentTool::EArgumentError) << ::testing::PrintToString(bad);
+  }
+}
+
+TEST(SegmentTool, NamesFollowTheLabellingTool) {
+  using NSegmentTool::segmentationName;
+  EXPECT_EQ(segmentationName("frame.ppm", "", 0), "frame_seg0.ppm");
+  EXPECT_EQ(segmentationName("data/seq/frame01.ppm", "", 12), "data/seq/frame01_seg12.ppm");
+  EXPECT_EQ(segmentationName("/in/set.2/img.a.pnm", "", 1), "/in/set.2/img.a_seg1.pnm");
+  EXPECT_EQ(segmentationName("data/frame.ppm", "out", 2), "out/frame_seg2.ppm");
+  EXPECT_EQ(segmentationName("data/frame.ppm", "out/", 2), "out/frame_seg2.ppm");
+  EXPECT_THROW(segmentationName("data.set/img", "", 0), NSegmentTool::EArgumentError);
+}
+
+TEST(SegmentExecutable, WritesNestedUniquelyColouredLevelsBesideTheImage) {
+  NTest::CScratchDir dir;
+  CTensor<float> image = scene(120, 90);
+  image.writeToPPM(dir.file("frame.ppm").c_str());
+  const NTest::CRunResult result = segmentTool({"frame.ppm", "3", "--regions", "60,20,5"}, dir.path());
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(NTest::listDir(dir.path()),
+            (std::vector<std::string>{"frame.ppm", "frame_seg0.ppm", "frame_seg1.ppm", "frame_seg2.ppm"}));
+  EXPECT_NE(result.out.find("frame_seg2.ppm: 5 regions"), std::string::npos) << result.out;
+  const int counts[3] = {60, 20, 5};
+  CMatrix<int> finer;
+  for (int k = 0; k < 3; k++) {
+    SCOPED_TRACE(k);
+    const CTensor<float> painted = readPixmap(dir.file("frame_seg" + std::to_string(k) + ".ppm"));
+    ASSERT_EQ(painted.xSize(), 120);
+    ASSERT_EQ(painted.ySize(), 90);
+    // Read back by colour: as many colours as regions, each colour one piece.
+    const CMatrix<int> labels = colourLabels(painted);
+    EXPECT_EQ(regionCount(labels), counts[k]);
+    EXPECT_TRUE(connected(labels));
+    if (k > 0) {
+      EXPECT_TRUE(nested(finer, labels));
+    }
+    finer = labels;
+  }
+}
+
+TEST(SegmentExecutable, OutputFolderGreyInputAndNoLevels) {
+  NTest::CScratchDir dir;
+  NTest::writeFile(dir.file("grey.pgm"), "P5\n30 20\n255\n" + std::string(600, '\x50'));
+  ASSERT_EQ(segmentTool({dir.file("grey.pgm"), "2", "-o", dir.file("out/deeper")}).status, 0);
+  EXPECT_EQ(NTest::listDir(dir.file("out/deeper")), (std::vector<std::string>{"grey_seg0.pgm", "grey_seg1.pgm"}));
+  const CTensor<float> painted = readPixmap(dir.file("out/deeper/grey_seg0.pgm"));
+  EXPECT_EQ(painted.zSize(), 3);
+  EXPECT_EQ(painted(0, 0, 0), 80.0f);
+
+  const NTest::CRunResult none = segmentTool({dir.file("grey.pgm"), "0", "--output", dir.file("empty")});
+  EXPECT_EQ(none.status, 0);
+  EXPECT_FALSE(NTest::fileExists(dir.file("empty")));
+}
+
+TEST(SegmentExecutable, OutputDoesNotDependOnTheThreadCount) {
+  NTest::CScratchDir dir;
+  scene(100, 80).writeToPPM(dir.file("f.ppm").c_str());
+  ASSERT_EQ(segmentTool({"f.ppm", "2", "-o", "one"}, dir.path(), {"OMP_NUM_THREADS=1"}).status, 0);
+  ASSERT_EQ(segmentTool({"f.ppm", "2", "-o", "two"}, dir.path(), {"OMP_NUM_THREADS=2"}).status, 0);
+  for (const char* name : {"f_seg0.ppm", "f_seg1.ppm"})
+    EXPECT_EQ(NTest::readFile(dir.file(std::string("one/") + name)), NTest::readFile(dir.file(std::string("two/") + name)));
+}
+
+TEST(SegmentExecutable, HelpVersionAndErrors) {
+  NTest::CScratchDir dir;
+  NTest::writeFile(dir.file("text.ppm"), "this is not a pixmap\n");
+  scene(20, 20).writeToPPM(dir.file("ok.ppm").c_str());
+  NTest::writeFile(dir.file("noending"), NTest::readFile(dir.file("ok.ppm")));
+
+  const NTest::CRunResult help = segmentTool({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("Usage: tarnwick-segment IMAGE.ppm K"), std::string::npos);
+  const NTest::CRunResult version = segmentTool({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out.rfind("tarnwick-segment ", 0), 0u);
+
+  struct CCase {
+    std::vector<std::string> args;
+    int status;
+    std::string named;  // what the message must name
+  };
+  const std::vector<CCase> cases = {
+      {{"missing.ppm", "3"}, 1, "missing.ppm"},
+      {{"text.ppm", "3"}, 1, "text.ppm"},
+      {{"ok.ppm", "-2"}, 2, "K"},
+      {{"ok.ppm", "many"}, 2, "K"},
+      {{"ok.ppm", "3", "--bogus"}, 2, "--bogus"},
+      {{"ok.ppm", "2", "--regions", "5,9"}, 2, "--regions"},
+      {{"noending", "2"}, 2, "noending"},
+      {{"ok.ppm", "1", "-o", "text.ppm"}, 1, "text.ppm"},
+      {{}, 2, "IMAGE"},
+  };
+  for (const CCase& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    const NTest::CRunResult result = segmentTool(c.args, dir.path());
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_NE(result.err.find(c.named), std::string::npos) << result.err;
+    EXPECT_TRUE(result.out.empty());
+  }
+  EXPECT_EQ(NTest::listDir(dir.path()), (std::vector<std::string>{"noending", "ok.ppm", "text.ppm"}));
+}
