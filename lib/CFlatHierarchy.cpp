@@ -78,11 +78,17 @@ float CFlatHierarchy::value(int aLayer, int aNode, int aLabel) const {
 }
 
 void CFlatHierarchy::gather(const CLayer& aLayer, int aNode, float* aOut) const {
-  for (int k = 0; k < mLabels; k++) aOut[k] = aLayer.values[slot(aLayer, aNode, k)];
+  const float* base = aLayer.values.data() + static_cast<size_t>(aNode) * 4;
+  for (int k = 0; k < mLabels; k++) aOut[k] = base[aLayer.labelOffset[k]];
 }
 
-void CFlatHierarchy::scatter(CLayer& aLayer, int aNode, const float* aIn) {
-  for (int k = 0; k < mLabels; k++) aLayer.values[slot(aLayer, aNode, k)] = aIn[k];
+void CFlatHierarchy::allocateValues(CLayer& aLayer, float aValue) {
+  aLayer.values.assign(static_cast<size_t>(mChunks) * aLayer.nodes * 4, 0.0f);
+  aLayer.labelOffset.resize(mLabels);
+  for (int k = 0; k < mLabels; k++)
+    aLayer.labelOffset[k] = static_cast<size_t>(k / mLanes) * aLayer.nodes * 4 + static_cast<size_t>(k % mLanes);
+  for (int p = 0; p < aLayer.nodes; p++)
+    for (int k = 0; k < mLabels; k++) aLayer.values[slot(aLayer, p, k)] = aValue;
 }
 
 void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<float>& aImage) {
@@ -103,7 +109,7 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<f
   layer.parentG.assign(n, 0.0f);
   layer.md.assign(n, 0.0f);
   layer.omegaOverMd.assign(n, 0.0f);
-  layer.values.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+  allocateValues(layer, 0.0f);
   for (int k = 0; k < mLabels; k++)
     for (int i = 0; i < n; i++) layer.values[slot(layer, i, k)] = aImg.data()[static_cast<size_t>(k) * n + i];
   CMatrix<float> gx(mXSize, mYSize);
@@ -174,10 +180,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
   layer.parentG.assign(n, 0.0f);
   layer.md.assign(n, 0.0f);
   layer.omegaOverMd.assign(n, 0.0f);
-  layer.values.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
-  const float uniform = 1.0f / static_cast<float>(mLabels);
-  for (int p = 0; p < n; p++)
-    for (int k = 0; k < mLabels; k++) layer.values[slot(layer, p, k)] = uniform;
+  allocateValues(layer, 1.0f / static_cast<float>(mLabels));
 
   linkNeighbours(aLayer);
 
@@ -273,7 +276,7 @@ void CFlatHierarchy::convertToImage(CTensor<float>& aResult) const {
   const int n = pixels.nodes;
   for (int k = 0; k < aResult.zSize(); k++) {
     float* out = aResult.data() + static_cast<size_t>(k) * n;
-    const float* in = pixels.values.data() + static_cast<size_t>(chunkOf(k)) * n * 4 + laneOf(k);
+    const float* in = pixels.values.data() + pixels.labelOffset[k];
     for (int i = 0; i < n; i++) out[i] = in[static_cast<size_t>(i) * 4];
   }
 }
@@ -308,7 +311,7 @@ void CFlatHierarchy::computePixelVariableWeights() {
       float sumX = 0.0f;
       float sumY = 0.0f;
       for (int k = 0; k < mLabels; k++) {
-        const float* m = pixels.values.data() + static_cast<size_t>(chunkOf(k)) * n * 4 + laneOf(k);
+        const float* m = pixels.values.data() + pixels.labelOffset[k];
         auto at = [&](int ax, int ay) { return m[static_cast<size_t>(ay * width + ax) * 4]; };
         const float centre = at(x, y);
         if (x < width - 1) {
@@ -402,48 +405,89 @@ void CFlatHierarchy::computeWeights(float aAlpha, float aOmega) {
   }
 }
 
+namespace {
+
+// What one pixel pass of one label chunk reads and writes.
+struct CPixelSweep {
+  int width;
+  float* u;                  // degrees of the chunk, four lanes per pixel
+  const float* rhs;
+  const float* gx;
+  const float* gy;
+  const float* parentG;
+  const int* parent;
+  const float* parentValues;
+  const float* md;
+  const float* omegaOverMd;
+  __m128 oneMinusAlpha;
+  __m128 oneMinusOmega;
+};
+
+inline __m128 edge(__m128 aOut, float aWeight, const float* aValues) {
+  return _mm_sub_ps(aOut, _mm_mul_ps(_mm_set1_ps(aWeight), _mm_loadu_ps(aValues)));
+}
+
+template <bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent>
+inline void updatePixel(const CPixelSweep& s, int i) {
+  float* u = s.u;
+  __m128 out = _mm_setzero_ps();
+  if (kUp) out = edge(out, s.gy[i - s.width], u + 4 * (i - s.width));
+  if (kLeft) out = edge(out, s.gx[i - 1], u + 4 * (i - 1));
+  if (kDown) out = edge(out, s.gy[i], u + 4 * (i + s.width));
+  if (kRight) out = edge(out, s.gx[i], u + 4 * (i + 1));
+  if (kParent) out = edge(out, s.parentG[i], s.parentValues + 4 * s.parent[i]);
+  if (s.md[i] == 0.0f) return;
+  out = _mm_mul_ps(s.oneMinusAlpha, out);
+  const __m128 step = _mm_mul_ps(_mm_set1_ps(s.omegaOverMd[i]), _mm_sub_ps(_mm_loadu_ps(s.rhs + 4 * i), out));
+  _mm_storeu_ps(u + 4 * i, clampUnit(_mm_add_ps(_mm_mul_ps(s.oneMinusOmega, _mm_loadu_ps(u + 4 * i)), step)));
+}
+
+template <bool kUp, bool kDown, bool kParent>
+void sweepRow(const CPixelSweep& s, int aRow) {
+  if (s.width == 1) {
+    updatePixel<kUp, false, kDown, false, kParent>(s, aRow);
+    return;
+  }
+  updatePixel<kUp, false, kDown, true, kParent>(s, aRow);
+  for (int x = 1; x < s.width - 1; x++) updatePixel<kUp, true, kDown, true, kParent>(s, aRow + x);
+  updatePixel<kUp, true, kDown, false, kParent>(s, aRow + s.width - 1);
+}
+
+template <bool kParent>
+void sweepRows(const CPixelSweep& s, int aHeight) {
+  if (aHeight == 1) {
+    sweepRow<false, false, kParent>(s, 0);
+    return;
+  }
+  sweepRow<false, true, kParent>(s, 0);
+  for (int y = 1; y < aHeight - 1; y++) sweepRow<true, true, kParent>(s, y * s.width);
+  sweepRow<true, false, kParent>(s, (aHeight - 1) * s.width);
+}
+
+}  // namespace
+
 // One Gauss-Seidel pass over the pixels for the labels of one chunk: each
 // pixel reads the new degrees of the pixels before it and the old ones of the
 // pixels after it and of its parent.
 void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
   CLayer& pixels = mLayers[0];
-  const int width = mXSize;
-  const int height = mYSize;
-  float* u = chunk(pixels, aChunk);
-  const float* rhs = mRhs.data() + static_cast<size_t>(aChunk) * pixels.nodes * 4;
   const bool hasParent = size() > 1;
-  const float* parentValues = hasParent ? chunk(mLayers[1], aChunk) : nullptr;
-  const __m128 oneMinusAlpha = _mm_set1_ps(1.0f - aAlpha);
-  const __m128 oneMinusOmega = _mm_set1_ps(1.0f - aOmega);
-  const float* gx = mGX.data();
-  const float* gy = mGY.data();
-  auto update = [&](int i, bool up, bool left, bool down, bool right) {
-    __m128 out = _mm_setzero_ps();
-    if (up) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gy[i - width]), _mm_loadu_ps(u + 4 * (i - width))));
-    if (left) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gx[i - 1]), _mm_loadu_ps(u + 4 * (i - 1))));
-    if (down) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gy[i]), _mm_loadu_ps(u + 4 * (i + width))));
-    if (right) out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(gx[i]), _mm_loadu_ps(u + 4 * (i + 1))));
-    if (hasParent)
-      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(pixels.parentG[i]),
-                                       _mm_loadu_ps(parentValues + 4 * pixels.parent[i])));
-    if (pixels.md[i] == 0.0f) return;
-    out = _mm_mul_ps(oneMinusAlpha, out);
-    const __m128 old = _mm_loadu_ps(u + 4 * i);
-    const __m128 step = _mm_mul_ps(_mm_set1_ps(pixels.omegaOverMd[i]), _mm_sub_ps(_mm_loadu_ps(rhs + 4 * i), out));
-    _mm_storeu_ps(u + 4 * i, clampUnit(_mm_add_ps(_mm_mul_ps(oneMinusOmega, old), step)));
-  };
-  for (int y = 0; y < height; y++) {
-    const bool up = y > 0;
-    const bool down = y < height - 1;
-    const int row = y * width;
-    update(row, up, false, down, width > 1);
-    if (up && down) {
-      for (int x = 1; x < width - 1; x++) update(row + x, true, true, true, true);
-    } else {
-      for (int x = 1; x < width - 1; x++) update(row + x, up, true, down, true);
-    }
-    if (width > 1) update(row + width - 1, up, true, down, false);
-  }
+  const CPixelSweep sweep{mXSize,
+                          chunk(pixels, aChunk),
+                          mRhs.data() + static_cast<size_t>(aChunk) * pixels.nodes * 4,
+                          mGX.data(),
+                          mGY.data(),
+                          pixels.parentG.data(),
+                          pixels.parent.data(),
+                          hasParent ? chunk(mLayers[1], aChunk) : nullptr,
+                          pixels.md.data(),
+                          pixels.omegaOverMd.data(),
+                          _mm_set1_ps(1.0f - aAlpha),
+                          _mm_set1_ps(1.0f - aOmega)};
+  if (hasParent)
+    sweepRows<true>(sweep, mYSize);
+  else
+    sweepRows<false>(sweep, mYSize);
 }
 
 // One Gauss-Seidel pass over a coarser layer for the labels of one chunk.
@@ -473,22 +517,18 @@ void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
 // normalize does it: rounds of thresholding, one per label. A round whose
 // threshold equals the previous one to the bit selects the same degrees
 // again, so all later rounds repeat it and are skipped.
-void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode) {
-  float v[256];
-  float* values = mLabels <= 256 ? v : nullptr;
-  std::vector<float> large;
-  if (values == nullptr) {
-    large.resize(mLabels);
-    values = large.data();
-  }
-  gather(aLayer, aNode, values);
+void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const {
+  float* base = aLayer.values.data() + static_cast<size_t>(aNode) * 4;
+  const size_t* offset = aLayer.labelOffset.data();
+  float* v = aScratch;
+  for (int i = 0; i < mLabels; i++) v[i] = base[offset[i]];
   float mu = -1e10f;
   for (int round = 0; round < mLabels; round++) {
     float sum = 0.0f;
     float count = 0.0f;
     for (int i = 0; i < mLabels; i++)
-      if (values[i] > mu) {
-        sum += values[i];
+      if (v[i] > mu) {
+        sum += v[i];
         count += 1.0f;
       }
     const float next = (sum - 1.0f) / count;
@@ -496,8 +536,7 @@ void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode) {
     mu = next;
     if (settled) break;
   }
-  for (int i = 0; i < mLabels; i++) values[i] = std::max(values[i] - mu, 0.0f);
-  scatter(aLayer, aNode, values);
+  for (int i = 0; i < mLabels; i++) base[offset[i]] = std::max(v[i] - mu, 0.0f);
 }
 
 void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight,
@@ -524,6 +563,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     {
       const int thread = omp_get_thread_num();
       const int threads = omp_get_num_threads();
+      std::vector<float> scratch(mLabels);
       for (int inner = 0; inner < kInnerIterations; inner++) {
         for (int c = thread; c < mChunks; c += threads) {
           sweepPixels(c, aAlpha, aOmega);
@@ -533,7 +573,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
         for (int l = 0; l < layers; l++) {
           CLayer& layer = mLayers[l];
 #pragma omp for schedule(static)
-          for (int p = 0; p < layer.nodes; p++) normalizeNode(layer, p);
+          for (int p = 0; p < layer.nodes; p++) normalizeNode(layer, p, scratch.data());
         }
       }
     }

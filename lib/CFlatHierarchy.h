@@ -52,16 +52,15 @@ private:
     std::vector<float> md;             // weight sum (pixels: with the data term)
     std::vector<float> omegaOverMd;
     std::vector<float> values;         // [chunk][node][lane]
+    std::vector<size_t> labelOffset;   // of label k in values for node 0
   };
 
   float* chunk(CLayer& aLayer, int aChunk) { return aLayer.values.data() + static_cast<size_t>(aChunk) * aLayer.nodes * 4; }
-  int chunkOf(int aLabel) const { return aLabel / mLanes; }
-  int laneOf(int aLabel) const { return aLabel % mLanes; }
-  size_t slot(const CLayer& aLayer, int aNode, int aLabel) const {
-    return (static_cast<size_t>(chunkOf(aLabel)) * aLayer.nodes + aNode) * 4 + laneOf(aLabel);
+  void allocateValues(CLayer& aLayer, float aValue);
+  static size_t slot(const CLayer& aLayer, int aNode, int aLabel) {
+    return aLayer.labelOffset[aLabel] + static_cast<size_t>(aNode) * 4;
   }
   void gather(const CLayer& aLayer, int aNode, float* aOut) const;
-  void scatter(CLayer& aLayer, int aNode, const float* aIn);
 
   void buildPixelLayer(const CTensor<float>& aImg, const CTensor<float>& aImage);
   void buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg);
@@ -72,7 +71,7 @@ private:
   void computePixelVariableWeights();
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
-  void normalizeNode(CLayer& aLayer, int aNode);
+  void normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const;
 
   int mXSize = 0;
   int mYSize = 0;
