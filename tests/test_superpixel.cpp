@@ -235,10 +235,12 @@ TEST(SuperpixelLayer, SizedConstructionResetsRelaxationFactor) {
   EXPECT_EQ(mDistRelaxationFac, 128.0f);
   const CSuperpixelLayer small(80, 60);
   EXPECT_EQ(mDistRelaxationFac, 16.0f);
-  const CSuperpixelLayer tall(3, 7);
-  EXPECT_EQ(mDistRelaxationFac, static_cast<float>(0.2 * 7));
+  // 0.2 * 9 in double rounds to 1.79999995f; in float it would be 1.80000007f.
+  const CSuperpixelLayer tall(4, 9);
+  EXPECT_EQ(mDistRelaxationFac, static_cast<float>(0.2 * 9));
+  EXPECT_NE(mDistRelaxationFac, 0.2f * 9.0f);
   const CSuperpixelLayer unsizedAgain;
-  EXPECT_EQ(mDistRelaxationFac, static_cast<float>(0.2 * 7));
+  EXPECT_EQ(mDistRelaxationFac, static_cast<float>(0.2 * 9));
 }
 
 TEST(PixelLayer, NodesInRowMajorOrderWithTheirChannels) {
@@ -353,21 +355,24 @@ TEST(PixelLayer, StepEdgeDiffusivities) {
     }
 }
 
-TEST(PixelLayer, DiagonalGradientsUseMirroredDerivatives) {
-  // A ramp in both directions: the central derivatives are mirrored at the
-  // borders (half the slope there), and each edge averages its two pixels.
-  const CTensor<float> ramp = tensor(3, 3, 1, [](int x, int y, int) { return 2.0f * x + 4.0f * y; });
+TEST(PixelLayer, EdgeGradientsAverageTheCentralDerivatives) {
+  // f = x * y: the central derivatives (halved at the mirrored borders)
+  // differ between the two pixels of every edge, and the edge takes their mean.
+  const CTensor<float> product = tensor(3, 3, 1, [](int x, int y, int) { return static_cast<float>(x * y); });
+  const float border[3] = {0.5f, 1.0f, 0.5f};
   CMatrix<float> resultX(3, 3), resultY(3, 3);
-  CSuperpixelLayer::diffusivities_fl(ramp, resultX, resultY);
-  // y-derivative: 2 on the border rows, 4 inside; x-derivative: 1 and 2.
-  const float yDerivative[3] = {2.0f, 4.0f, 2.0f};
-  const float xDerivative[3] = {1.0f, 2.0f, 1.0f};
+  CSuperpixelLayer::diffusivities_fl(product, resultX, resultY);
   for (int y = 0; y < 3; y++)
-    for (int x = 0; x < 2; x++) EXPECT_EQ(resultX(x, y), g(2.0f * 2.0f + yDerivative[y] * yDerivative[y]));
+    for (int x = 0; x < 2; x++) {
+      const float across = static_cast<float>(y);
+      const float along = 0.5f * (x * border[y] + (x + 1) * border[y]);
+      EXPECT_EQ(resultX(x, y), g(across * across + along * along)) << x << "," << y;
+    }
   for (int y = 0; y < 2; y++)
     for (int x = 0; x < 3; x++) {
-      const float along = 0.5f * (xDerivative[x] + xDerivative[x]);
-      EXPECT_EQ(resultY(x, y), g(along * along + 4.0f * 4.0f));
+      const float along = 0.5f * (y * border[x] + (y + 1) * border[x]);
+      const float across = static_cast<float>(x);
+      EXPECT_EQ(resultY(x, y), g(along * along + across * across)) << x << "," << y;
     }
 }
 
