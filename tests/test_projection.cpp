@@ -12,18 +12,16 @@
 
 namespace {
 
-// A tensor of width 1 and height 1 whose layers hold aValues.
-CTensor<float> pixel(std::initializer_list<float> aValues) {
+const float mNaN = std::numeric_limits<float>::quiet_NaN();
+
+// Degrees of a single pixel.
+CTensor<float> pixel(const std::vector<float>& aValues) {
   CTensor<float> t(1, 1, static_cast<int>(aValues.size()));
   std::copy(aValues.begin(), aValues.end(), t.data());
   return t;
 }
 
-std::vector<float> layersOf(const CTensor<float>& aTensor, int ax, int ay) {
-  std::vector<float> values;
-  for (int k = 0; k < aTensor.zSize(); k++) values.push_back(aTensor(ax, ay, k));
-  return values;
-}
+std::vector<float> valuesOf(const CTensor<float>& aTensor) { return {aTensor.data(), aTensor.data() + aTensor.size()}; }
 
 CTensor<float> randomTensor(int aWidth, int aHeight, int aLayers, float aLow, float aHigh, unsigned aSeed) {
   std::mt19937 random(aSeed);
@@ -41,52 +39,41 @@ bool sameBits(const CTensor<float>& a, const CTensor<float>& b) {
 
 TEST(Interval, ClampsAndKeepsNaN) {
   const float infinity = std::numeric_limits<float>::infinity();
-  const std::pair<float, float> cases[] = {{1.5f, 1.0f},     {-0.2f, 0.0f},      {0.5f, 0.5f},
-                                           {infinity, 1.0f}, {-infinity, 0.0f}, {1.0f, 1.0f}};
-  for (const auto& c : cases) {
-    float value = c.first;
+  for (const auto& [in, out] : {std::make_pair(1.5f, 1.0f), std::make_pair(-0.2f, 0.0f), std::make_pair(0.5f, 0.5f),
+                                std::make_pair(infinity, 1.0f), std::make_pair(-infinity, 0.0f)}) {
+    float value = in;
     CProjection::interval(&value, 0.0f, 1.0f);
-    EXPECT_EQ(value, c.second) << c.first;
+    EXPECT_EQ(value, out) << in;
   }
-  float nan = std::numeric_limits<float>::quiet_NaN();
-  CProjection::interval(&nan, 0.0f, 1.0f);
-  EXPECT_TRUE(std::isnan(nan));
-  // An empty interval always yields its upper end.
-  float value = 0.5f;
+  float value = mNaN;
+  CProjection::interval(&value, 0.0f, 1.0f);
+  EXPECT_TRUE(std::isnan(value));
+  value = 0.5f;  // an empty interval always yields its upper end
   CProjection::interval(&value, 2.0f, 1.0f);
   EXPECT_EQ(value, 1.0f);
 }
 
 TEST(Binary, OneHotWithTiesToTheLowestLabel) {
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  struct CCase {
-    std::initializer_list<float> in;
-    std::vector<float> out;
-  };
-  const CCase cases[] = {
-      {{0.3f, 0.3f, 0.4f}, {0, 0, 1}}, {{0.5f, 0.5f, 0.0f}, {1, 0, 0}}, {{0, 0, 0}, {1, 0, 0}},
-      {{nan, nan}, {0, 0}},            {{-2, -1}, {0, 0}},              {{-2, -0.5f, nan}, {0, 1, 0}},
-  };
-  for (const CCase& c : cases) {
-    CTensor<float> t = pixel(c.in);
+  const std::vector<float> cases[][2] = {{{0.3f, 0.3f, 0.4f}, {0, 0, 1}}, {{0.5f, 0.5f, 0}, {1, 0, 0}},
+                                         {{0, 0, 0}, {1, 0, 0}},          {{-2, -0.5f, mNaN}, {0, 1, 0}},
+                                         {{mNaN, mNaN}, {0, 0}},          {{-2, -1}, {0, 0}}};
+  for (const auto& c : cases) {
+    CTensor<float> t = pixel(c[0]);
     CProjection::binary(t);
-    EXPECT_EQ(layersOf(t, 0, 0), c.out);
+    EXPECT_EQ(valuesOf(t), c[1]);
   }
 }
 
-TEST(Simplex, ExamplesAndProjectionProperties) {
-  struct CCase {
-    std::initializer_list<float> in;
-    std::vector<float> out;
-  };
-  const CCase cases[] = {{{0.5f, 0.5f}, {0.5f, 0.5f}}, {{1, 1}, {0.5f, 0.5f}}, {{2, 0}, {1, 0}}, {{0.25f}, {1}}};
-  for (const CCase& c : cases) {
-    CTensor<float> t = pixel(c.in);
-    CProjection::simplex(t);
-    EXPECT_EQ(layersOf(t, 0, 0), c.out);
-    CTensor<float> pivots = pixel(c.in);
+TEST(Simplex, ExamplesAndAgreementOfBothMethods) {
+  const std::vector<float> cases[][2] = {
+      {{0.5f, 0.5f}, {0.5f, 0.5f}}, {{1, 1}, {0.5f, 0.5f}}, {{2, 0}, {1, 0}}, {{0.25f}, {1}}};
+  for (const auto& c : cases) {
+    CTensor<float> michelot = pixel(c[0]);
+    CTensor<float> pivots = michelot;
+    CProjection::simplex(michelot);
     CProjection::simplex_DSSC(pivots);
-    EXPECT_EQ(layersOf(pivots, 0, 0), c.out);
+    EXPECT_EQ(valuesOf(michelot), c[1]);
+    EXPECT_EQ(valuesOf(pivots), c[1]);
   }
 
   CTensor<float> michelot = randomTensor(9, 7, 6, -1.0f, 2.0f, 11);
@@ -105,48 +92,35 @@ TEST(Simplex, ExamplesAndProjectionProperties) {
     }
 }
 
-TEST(L2Ball, CoupledScalesIntoTheUnitBall) {
+TEST(L2Ball, CoupledAndWeightedScaling) {
   CTensor<float> p1 = pixel({0.3f, 0.4f});
   CTensor<float> p2 = pixel({0.0f, 0.5f});
-  const CTensor<float> small1 = p1;
-  const CTensor<float> small2 = p2;
+  const CTensor<float> small = p1;
   CProjection::L2sphere_coupled(p1, p2);
-  EXPECT_TRUE(sameBits(p1, small1));
-  EXPECT_TRUE(sameBits(p2, small2));
+  EXPECT_TRUE(sameBits(p1, small));
+  EXPECT_EQ(valuesOf(p2), (std::vector<float>{0.0f, 0.5f}));
 
-  CTensor<float> q1 = pixel({3.0f, 0.0f});
-  CTensor<float> q2 = pixel({0.0f, 4.0f});
-  CProjection::L2sphere_coupled(q1, q2);
-  EXPECT_EQ(layersOf(q1, 0, 0), (std::vector<float>{0.6f, 0.0f}));
-  EXPECT_EQ(layersOf(q2, 0, 0), (std::vector<float>{0.0f, 0.8f}));
-
+  p1 = pixel({3.0f, 0.0f});
+  p2 = pixel({0.0f, 4.0f});
+  CProjection::L2sphere_coupled(p1, p2);
+  EXPECT_EQ(valuesOf(p1), (std::vector<float>{0.6f, 0.0f}));
+  EXPECT_EQ(valuesOf(p2), (std::vector<float>{0.0f, 0.8f}));
   CTensor<float> shallow = pixel({1.0f});
-  EXPECT_THROW(CProjection::L2sphere_coupled(q1, shallow), ETensorIncompatibleSize);
-}
+  EXPECT_THROW(CProjection::L2sphere_coupled(p1, shallow), ETensorIncompatibleSize);
 
-TEST(L2Ball, WeightedNormDecidesTheScaling) {
-  CTensor<float> p1 = pixel({3.0f});
-  CTensor<float> p2 = pixel({4.0f});
+  p1 = pixel({3.0f});
+  p2 = pixel({4.0f});
   CProjection::L2sphere_w_coupled(p1, p2, CMatrix<float>(1, 1, 0.01f), CMatrix<float>(1, 1, 0.0f));
-  EXPECT_EQ(p1(0, 0, 0), 3.0f);
-  EXPECT_EQ(p2(0, 0, 0), 4.0f);
+  EXPECT_EQ(valuesOf(p1), std::vector<float>{3.0f});
   CProjection::L2sphere_w_coupled(p1, p2, CMatrix<float>(1, 1, 1.0f), CMatrix<float>(1, 1, 1.0f));
-  EXPECT_EQ(p1(0, 0, 0), 0.6f);
-  EXPECT_EQ(p2(0, 0, 0), 0.8f);
+  EXPECT_EQ(valuesOf(p1), std::vector<float>{0.6f});
+  EXPECT_EQ(valuesOf(p2), std::vector<float>{0.8f});
 }
 
 TEST(L2Ball, DykstraBoundsEveryPairwiseDifference) {
   CTensor<float> p1 = randomTensor(4, 3, 3, -3.0f, 3.0f, 21);
   CTensor<float> p2 = randomTensor(4, 3, 3, -3.0f, 3.0f, 22);
-  const CMatrix<float> dx(4, 3, 1.0f);
-  const CMatrix<float> dy(4, 3, 0.5f);
-
-  CTensor<float> untouched1 = p1;
-  CTensor<float> untouched2 = p2;
-  CProjection::L2sphereIntersect_w_dykstra(untouched1, untouched2, dx, dy, 0, 0);
-  EXPECT_TRUE(sameBits(untouched1, p1));
-
-  CProjection::L2sphereIntersect_w_dykstra(p1, p2, dx, dy, 500, 0);
+  CProjection::L2sphereIntersect_w_dykstra(p1, p2, CMatrix<float>(4, 3, 1.0f), CMatrix<float>(4, 3, 0.5f), 500, 0);
   for (int y = 0; y < 3; y++)
     for (int x = 0; x < 4; x++)
       for (int a = 0; a < 3; a++)
@@ -160,28 +134,22 @@ TEST(L2Ball, DykstraBoundsEveryPairwiseDifference) {
   CTensor<float> inside1 = pixel({0.1f, 0.2f, 0.3f});
   CTensor<float> inside2 = pixel({0.3f, 0.2f, 0.1f});
   const CTensor<float> before = inside1;
-  CProjection::L2sphereIntersect_w_dykstra(inside1, inside2, CMatrix<float>(1, 1, 1.0f), CMatrix<float>(1, 1, 1.0f),
-                                           10, 1);
+  const CMatrix<float> one(1, 1, 1.0f);
+  CProjection::L2sphereIntersect_w_dykstra(inside1, inside2, one, one, 10, 1);
   EXPECT_TRUE(sameBits(inside1, before));
 }
 
 TEST(Projections, ResultsDoNotDependOnTheThreadCount) {
   const CTensor<float> degrees = randomTensor(29, 31, 4, -0.5f, 1.5f, 31);
-  const CTensor<float> field1 = randomTensor(29, 31, 4, -1.0f, 1.0f, 32);
-  const CTensor<float> field2 = randomTensor(29, 31, 4, -1.0f, 1.0f, 33);
   const CMatrix<float> weights(29, 31, 0.7f);
   const auto project = [&](int aThreads) {
     omp_set_num_threads(aThreads);
-    std::vector<CTensor<float>> results(4, degrees);
+    std::vector<CTensor<float>> results(5, degrees);
     CProjection::binary(results[0]);
     CProjection::simplex(results[1]);
     CProjection::simplex_DSSC(results[2]);
-    CTensor<float> p1 = field1;
-    CTensor<float> p2 = field2;
-    CProjection::L2sphere_coupled(p1, p2);
-    CProjection::L2sphere_w_coupled(p1, p2, weights, weights);
-    results[3] = p1;
-    results.push_back(p2);
+    CProjection::L2sphere_coupled(results[3], results[4]);
+    CProjection::L2sphere_w_coupled(results[3], results[4], weights, weights);
     return results;
   };
   const int threads = omp_get_max_threads();
