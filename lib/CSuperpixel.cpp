@@ -3,6 +3,15 @@
 #include <algorithm>
 #include <cmath>
 
+void CSuperpixel::reserveNeighbours(size_t aCount) {
+  const size_t capacity = mNeighbours.size() + aCount;
+  mNeighbours.reserve(capacity);
+  mDistance.reserve(capacity);
+  mConstDistance.reserve(capacity);
+  mDiffusivitiesNeighbours.reserve(capacity);
+  mConstDiffusivitiesNeighbours.reserve(capacity);
+}
+
 void CSuperpixel::removeNeighbour(int index) {
   mNeighbours.erase(mNeighbours.begin() + index);
   mDistance.erase(mDistance.begin() + index);

@@ -54,6 +54,8 @@ public:
     mConstDiffusivitiesNeighbours.push_back(1.0f);
     mNeighbours.push_back(sp);
   }
+  // Room for aCount more neighbours in all five parallel lists.
+  void reserveNeighbours(size_t aCount);
   const std::vector<CSuperpixel*>& getNeighbours() const { return mNeighbours; }
   CSuperpixel* getNeighbour(int index) const { return mNeighbours[index]; }
   void removeNeighbour(int index);

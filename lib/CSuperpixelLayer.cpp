@@ -92,6 +92,7 @@ void CSuperpixelLayer::setSPNeighbours_fl(const CTensor<float>& aTensor) {
     for (int ix = 0; ix < width; ix++) {
       const int i = iy * width + ix;
       CSuperpixel* sp = sLayer[i];
+      sp->reserveNeighbours(static_cast<size_t>((iy > 0) + (ix > 0) + (iy < height - 1) + (ix < width - 1)));
       if (iy > 0) sp->addNeighbour(sLayer[i - width]);
       if (ix > 0) sp->addNeighbour(sLayer[i - 1]);
       if (iy < height - 1) sp->addNeighbour(sLayer[i + width]);
