@@ -21,7 +21,7 @@ constexpr double kCoarsestArea = 3000.0;
 // merging then removes the weakest boundaries first.
 constexpr double kOverSegmentation = 1.5;
 constexpr float kCompactness = 10.0f;
-constexpr int kIterations = 8;
+constexpr int kIterations = 5;
 // Pieces below this fraction of a seed cell are absorbed before any merging.
 constexpr double kMinPieceFraction = 0.25;
 
