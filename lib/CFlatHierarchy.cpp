@@ -4,9 +4,12 @@
 #include <xmmintrin.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "CErrors.h"
@@ -53,6 +56,44 @@ float vectorDiffusivity(const float* aA, const float* aB, int aLength) {
 
 bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof(float)) == 0; }
 
+// Contiguous share [begin, end) of aCount items for one of aThreads threads.
+struct CShare {
+  int begin;
+  int end;
+};
+CShare share(int aCount, int aThread, int aThreads) {
+  const int block = (aCount + aThreads - 1) / aThreads;
+  return {std::min(aCount, aThread * block), std::min(aCount, (aThread + 1) * block)};
+}
+
+// Barrier of one parallel team that spins briefly and then yields its core:
+// when more threads are busy than there are cores (frames labelled side by
+// side), a spinning waiter would keep the thread it waits for off the core.
+class CYieldingBarrier {
+public:
+  explicit CYieldingBarrier(int aThreads) : mThreads(aThreads) {}
+  void wait() {
+    if (mThreads == 1) return;
+    const unsigned generation = mGeneration.load(std::memory_order_acquire);
+    if (mArrived.fetch_add(1, std::memory_order_acq_rel) == mThreads - 1) {
+      mArrived.store(0, std::memory_order_relaxed);
+      mGeneration.fetch_add(1, std::memory_order_release);
+      return;
+    }
+    for (int spin = 0; mGeneration.load(std::memory_order_acquire) == generation; spin++) {
+      if (spin < 4000)
+        _mm_pause();
+      else
+        std::this_thread::yield();
+    }
+  }
+
+private:
+  const int mThreads;
+  std::atomic<int> mArrived{0};
+  std::atomic<unsigned> mGeneration{0};
+};
+
 // interval(v, 0, 1) on four lanes: max(0, v) keeps NaN as _mm_max_ps returns
 // its second operand when a comparison fails, min likewise.
 inline __m128 clampUnit(__m128 v) { return _mm_min_ps(_mm_set1_ps(1.0f), _mm_max_ps(_mm_setzero_ps(), v)); }
@@ -68,6 +109,8 @@ CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTe
   const int wanted = std::max((mLabels + 3) / 4, std::min(threads, mLabels));
   mLanes = std::max(1, (mLabels + wanted - 1) / std::max(wanted, 1));
   mChunks = (mLabels + mLanes - 1) / mLanes;
+  mLaneIndex.resize(mLabels);
+  for (int k = 0; k < mLabels; k++) mLaneIndex[k] = 4 * (k / mLanes) + k % mLanes;
   mLayers.resize(aSegs.size());
   buildPixelLayer(aImg, aSegs[0]);
   for (size_t k = 1; k < aSegs.size(); k++) buildCoarserLayer(static_cast<int>(k), aSegs[k], aSegs[k - 1]);
@@ -281,28 +324,28 @@ void CFlatHierarchy::convertToImage(CTensor<float>& aResult) const {
   }
 }
 
-// The pixel edges' value-dependent weights, as diffusivities_fl computes them
-// from the degrees: per label the forward difference across the edge and the
-// mean of the two central derivatives along it, summed over the labels in
-// order. Fused over the labels and split among threads by rows; grids too
-// small for the three-tap derivative's plain interior take the literal path.
-void CFlatHierarchy::computePixelVariableWeights() {
+// The pixel edges' value-dependent weights of the rows aRows, as
+// diffusivities_fl computes them from the degrees: per label the forward
+// difference across the edge and the mean of the two central derivatives along
+// it, summed over the labels in order. Grids too small for the three-tap
+// derivative's plain interior take the literal path (on the first share only).
+void CFlatHierarchy::computePixelVariableWeights(int aFirstRow, int aEndRow) {
   const int width = mXSize;
   const int height = mYSize;
   const int n = width * height;
   if (width < 3 || height < 3) {
+    if (aFirstRow > 0 || aEndRow == aFirstRow) return;
     CTensor<float> degrees(width, height, mLabels);
     convertToImage(degrees);
     CMatrix<float> gx(width, height);
     CMatrix<float> gy(width, height);
     CSuperpixelLayer::diffusivities_fl(degrees, gx, gy);
-    mVarX.assign(gx.data(), gx.data() + n);
-    mVarY.assign(gy.data(), gy.data() + n);
+    std::copy(gx.data(), gx.data() + n, mVarX.begin());
+    std::copy(gy.data(), gy.data() + n, mVarY.begin());
     return;
   }
   const CLayer& pixels = mLayers[0];
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++) {
+  for (int y = aFirstRow; y < aEndRow; y++) {
     const int up = y > 0 ? y - 1 : 0;
     const int down = y < height - 1 ? y + 1 : height - 1;
     for (int x = 0; x < width; x++) {
@@ -335,54 +378,50 @@ void CFlatHierarchy::computePixelVariableWeights() {
   }
 }
 
-// Every weight that stays fixed through the inner iterations: value-dependent
-// weights from the current degrees, the edge products, each node's weight sum
-// in the order of its lists and the over-relaxation factor.
-void CFlatHierarchy::computeWeights(float aAlpha, float aOmega) {
-  computePixelVariableWeights();
-  const int layers = size();
-  for (int l = 1; l < layers; l++) {
+// First half of the weights fixed through the inner iterations: the
+// value-dependent weights from the current degrees; one thread's share.
+void CFlatHierarchy::computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA,
+                                            std::vector<float>& aB) {
+  const CShare rows = share(mYSize, aThread, aThreads);
+  computePixelVariableWeights(rows.begin, rows.end);
+  for (int l = 1; l < size(); l++) {
     CLayer& layer = mLayers[l];
     CLayer& finer = mLayers[l - 1];
-#pragma omp parallel
-    {
-      std::vector<float> a(mLabels);
-      std::vector<float> b(mLabels);
-#pragma omp for schedule(static)
-      for (int p = 0; p < layer.nodes; p++) {
-        gather(layer, p, a.data());
-        for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
-          gather(layer, layer.nbr[j], b.data());
-          layer.nbrG[j] = layer.nbrConst[j] * vectorDiffusivity(a.data(), b.data(), mLabels);
-        }
-      }
-#pragma omp for schedule(static)
-      for (int c = 0; c < finer.nodes; c++) {
-        gather(layer, finer.parent[c], a.data());
-        gather(finer, c, b.data());
-        finer.parentVar[c] = vectorDiffusivity(a.data(), b.data(), mLabels);
+    const CShare nodes = share(layer.nodes, aThread, aThreads);
+    for (int p = nodes.begin; p < nodes.end; p++) {
+      gather(layer, p, aA.data());
+      for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
+        gather(layer, layer.nbr[j], aB.data());
+        layer.nbrG[j] = layer.nbrConst[j] * vectorDiffusivity(aA.data(), aB.data(), mLabels);
       }
     }
-    for (int p = 0; p < layer.nodes; p++)
-      for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++)
-        layer.childG[j] = layer.childConst[j] * finer.parentVar[layer.child[j]];
+    const CShare children = share(finer.nodes, aThread, aThreads);
+    for (int c = children.begin; c < children.end; c++) {
+      gather(layer, finer.parent[c], aA.data());
+      gather(finer, c, aB.data());
+      finer.parentVar[c] = vectorDiffusivity(aA.data(), aB.data(), mLabels);
+    }
   }
+}
+
+// Second half: the edge products, each node's weight sum in the order of its
+// lists (pixels: up, left, down, right, parent) and the over-relaxation factor.
+void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega) {
   const int width = mXSize;
   const int height = mYSize;
   const float oneMinusAlpha = 1.0f - aAlpha;
   CLayer& pixels = mLayers[0];
-#pragma omp parallel for schedule(static)
-  for (int i = 0; i < width * height; i++) {
-    mGX[i] = mConstX[i] * mVarX[i];
-    mGY[i] = mConstY[i] * mVarY[i];
-  }
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++)
+  const CShare rows = share(height, aThread, aThreads);
+  auto gX = [&](int i) { return mConstX[i] * mVarX[i]; };
+  auto gY = [&](int i) { return mConstY[i] * mVarY[i]; };
+  for (int y = rows.begin; y < rows.end; y++)
     for (int x = 0; x < width; x++) {
       const int i = y * width + x;
+      mGX[i] = gX(i);
+      mGY[i] = gY(i);
       float sum = 0.0f;
-      if (y > 0) sum = sum + mGY[i - width];
-      if (x > 0) sum = sum + mGX[i - 1];
+      if (y > 0) sum = sum + gY(i - width);
+      if (x > 0) sum = sum + gX(i - 1);
       if (y < height - 1) sum = sum + mGY[i];
       if (x < width - 1) sum = sum + mGX[i];
       pixels.parentG[i] = pixels.parentConst[i] * pixels.parentVar[i];
@@ -391,12 +430,17 @@ void CFlatHierarchy::computeWeights(float aAlpha, float aOmega) {
       pixels.md[i] = md;
       pixels.omegaOverMd[i] = aOmega / md;
     }
-  for (int l = 1; l < layers; l++) {
+  for (int l = 1; l < size(); l++) {
     CLayer& layer = mLayers[l];
-    for (int p = 0; p < layer.nodes; p++) {
+    const CLayer& finer = mLayers[l - 1];
+    const CShare nodes = share(layer.nodes, aThread, aThreads);
+    for (int p = nodes.begin; p < nodes.end; p++) {
       float sum = 0.0f;
       for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) sum = sum + layer.nbrG[j];
-      for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) sum = sum + layer.childG[j];
+      for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
+        layer.childG[j] = layer.childConst[j] * finer.parentVar[layer.child[j]];
+        sum = sum + layer.childG[j];
+      }
       layer.parentG[p] = layer.parentConst[p] * layer.parentVar[p];
       sum = sum + layer.parentG[p];
       layer.md[p] = sum;
@@ -428,7 +472,7 @@ inline __m128 edge(__m128 aOut, float aWeight, const float* aValues) {
 }
 
 template <bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent>
-inline void updatePixel(const CPixelSweep& s, int i) {
+__attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, int i) {
   float* u = s.u;
   __m128 out = _mm_setzero_ps();
   if (kUp) out = edge(out, s.gy[i - s.width], u + 4 * (i - s.width));
@@ -442,26 +486,58 @@ inline void updatePixel(const CPixelSweep& s, int i) {
   _mm_storeu_ps(u + 4 * i, clampUnit(_mm_add_ps(_mm_mul_ps(s.oneMinusOmega, _mm_loadu_ps(u + 4 * i)), step)));
 }
 
-template <bool kUp, bool kDown, bool kParent>
-void sweepRow(const CPixelSweep& s, int aRow) {
-  if (s.width == 1) {
-    updatePixel<kUp, false, kDown, false, kParent>(s, aRow);
-    return;
+template <bool kParent>
+void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
+  const int i = y * s.width + x;
+  const bool up = y > 0;
+  const bool left = x > 0;
+  const bool down = y < aHeight - 1;
+  const bool right = x < s.width - 1;
+  // Every combination the borders can have, each a plain instantiation.
+  switch ((up ? 8 : 0) | (left ? 4 : 0) | (down ? 2 : 0) | (right ? 1 : 0)) {
+    case 0: updatePixel<false, false, false, false, kParent>(s, i); break;
+    case 1: updatePixel<false, false, false, true, kParent>(s, i); break;
+    case 2: updatePixel<false, false, true, false, kParent>(s, i); break;
+    case 3: updatePixel<false, false, true, true, kParent>(s, i); break;
+    case 4: updatePixel<false, true, false, false, kParent>(s, i); break;
+    case 5: updatePixel<false, true, false, true, kParent>(s, i); break;
+    case 6: updatePixel<false, true, true, false, kParent>(s, i); break;
+    case 7: updatePixel<false, true, true, true, kParent>(s, i); break;
+    case 8: updatePixel<true, false, false, false, kParent>(s, i); break;
+    case 9: updatePixel<true, false, false, true, kParent>(s, i); break;
+    case 10: updatePixel<true, false, true, false, kParent>(s, i); break;
+    case 11: updatePixel<true, false, true, true, kParent>(s, i); break;
+    case 12: updatePixel<true, true, false, false, kParent>(s, i); break;
+    case 13: updatePixel<true, true, false, true, kParent>(s, i); break;
+    case 14: updatePixel<true, true, true, false, kParent>(s, i); break;
+    default: updatePixel<true, true, true, true, kParent>(s, i); break;
   }
-  updatePixel<kUp, false, kDown, true, kParent>(s, aRow);
-  for (int x = 1; x < s.width - 1; x++) updatePixel<kUp, true, kDown, true, kParent>(s, aRow + x);
-  updatePixel<kUp, true, kDown, false, kParent>(s, aRow + s.width - 1);
 }
 
+// The pixels in row-major Gauss-Seidel order, computed as a skewed wavefront:
+// bands of kBand rows, row r of a band trailing row r - 1 by one pixel. Each
+// pixel still reads new degrees above and to its left and old ones below and
+// to its right, but the rows' update chains are independent, so their
+// latencies overlap.
 template <bool kParent>
 void sweepRows(const CPixelSweep& s, int aHeight) {
-  if (aHeight == 1) {
-    sweepRow<false, false, kParent>(s, 0);
-    return;
+  constexpr int kBand = 8;
+  const int width = s.width;
+  for (int y0 = 0; y0 < aHeight; y0 += kBand) {
+    const int rows = std::min(kBand, aHeight - y0);
+    const bool innerRows = rows == kBand && y0 > 0 && y0 + kBand < aHeight;
+    for (int t = 0; t < width + rows - 1; t++) {
+      if (innerRows && t >= kBand && t < width - 1) {
+        const int i = y0 * width + t;
+        for (int r = 0; r < kBand; r++) updatePixel<true, true, true, true, kParent>(s, i + r * (width - 1));
+        continue;
+      }
+      for (int r = 0; r < rows; r++) {
+        const int x = t - r;
+        if (x >= 0 && x < width) updateBorderPixel<kParent>(s, x, y0 + r, aHeight);
+      }
+    }
   }
-  sweepRow<false, true, kParent>(s, 0);
-  for (int y = 1; y < aHeight - 1; y++) sweepRow<true, true, kParent>(s, y * s.width);
-  sweepRow<true, false, kParent>(s, (aHeight - 1) * s.width);
 }
 
 }  // namespace
@@ -539,6 +615,69 @@ void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode, float* aScratch) c
   for (int i = 0; i < mLabels; i++) base[offset[i]] = std::max(v[i] - mu, 0.0f);
 }
 
+// normalizeNode for the four nodes aNode .. aNode + 3 at once, one node per
+// SIMD lane. A lane that has settled repeats its round unchanged while the
+// others go on, so every lane ends with the threshold of its own node.
+void CFlatHierarchy::normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>& aScratch) const {
+  // Per chunk the four nodes' vectors, transposed to one vector per lane.
+  __m128* lanes = reinterpret_cast<__m128*>(aScratch.data());
+  for (int c = 0; c < mChunks; c++) {
+    const float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    __m128 r0 = _mm_loadu_ps(base);
+    __m128 r1 = _mm_loadu_ps(base + 4);
+    __m128 r2 = _mm_loadu_ps(base + 8);
+    __m128 r3 = _mm_loadu_ps(base + 12);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    lanes[4 * c] = r0;
+    lanes[4 * c + 1] = r1;
+    lanes[4 * c + 2] = r2;
+    lanes[4 * c + 3] = r3;
+  }
+  const int* index = mLaneIndex.data();
+  auto label = [&](int k) -> __m128& { return lanes[index[k]]; };
+  const __m128 one = _mm_set1_ps(1.0f);
+  __m128 mu = _mm_set1_ps(-1e10f);
+  for (int round = 0; round < mLabels; round++) {
+    __m128 sum = _mm_setzero_ps();
+    __m128i count = _mm_setzero_si128();  // minus the number of degrees above mu
+    for (int k = 0; k < mLabels; k++) {
+      const __m128 above = _mm_cmpgt_ps(label(k), mu);
+      sum = _mm_add_ps(sum, _mm_and_ps(above, label(k)));
+      count = _mm_add_epi32(count, _mm_castps_si128(above));
+    }
+    const __m128 next = _mm_div_ps(_mm_sub_ps(sum, one), _mm_cvtepi32_ps(_mm_sub_epi32(_mm_setzero_si128(), count)));
+    const bool settled =
+        _mm_movemask_epi8(_mm_cmpeq_epi32(_mm_castps_si128(next), _mm_castps_si128(mu))) == 0xffff;
+    mu = next;
+    if (settled) break;
+  }
+  for (int k = 0; k < mLabels; k++) label(k) = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(label(k), mu));
+  for (int c = 0; c < mChunks; c++) {
+    float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    __m128 r0 = lanes[4 * c];
+    __m128 r1 = lanes[4 * c + 1];
+    __m128 r2 = lanes[4 * c + 2];
+    __m128 r3 = lanes[4 * c + 3];
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    _mm_storeu_ps(base, r0);
+    _mm_storeu_ps(base + 4, r1);
+    _mm_storeu_ps(base + 8, r2);
+    _mm_storeu_ps(base + 12, r3);
+  }
+}
+
+// One thread's share of every layer's nodes, four at a time.
+void CFlatHierarchy::normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch) {
+  for (int l = 0; l < size(); l++) {
+    CLayer& layer = mLayers[l];
+    const int quads = layer.nodes / 4;
+    const CShare mine = share(quads, aThread, aThreads);
+    for (int q = mine.begin; q < mine.end; q++) normalizeQuad(layer, 4 * q, aScratch);
+    if (l % aThreads == aThread)
+      for (int p = 4 * quads; p < layer.nodes; p++) normalizeNode(layer, p, aScratch.data());
+  }
+}
+
 void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight,
                            float aAlpha, float aOmega, int maxiter) {
   const int width = mXSize;
@@ -556,25 +695,33 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     mWeight[i] = w;
     for (int k = 0; k < mLabels; k++) mRhs[slot(mLayers[0], i, k)] = w * aAlpha * c * aLabels(x, y, k);
   }
+  if (maxiter <= 0) return;
   const int layers = size();
-  for (int iter = 0; iter < maxiter; iter++) {
-    computeWeights(aAlpha, aOmega);
-#pragma omp parallel
-    {
-      const int thread = omp_get_thread_num();
-      const int threads = omp_get_num_threads();
-      std::vector<float> scratch(mLabels);
+  const int wanted = std::max(1, std::min(omp_get_max_threads(), mChunks));
+  std::unique_ptr<CYieldingBarrier> barrier;
+#pragma omp parallel num_threads(wanted)
+  {
+#pragma omp single
+    barrier = std::make_unique<CYieldingBarrier>(omp_get_num_threads());
+    const int thread = omp_get_thread_num();
+    const int threads = omp_get_num_threads();
+    std::vector<float> a(mLabels);
+    std::vector<float> b(mLabels);
+    // Room for the lanes of every chunk, aligned for SIMD.
+    std::vector<float> scratch(static_cast<size_t>(std::max(16 * mChunks, mLabels)) + 4);
+    for (int iter = 0; iter < maxiter; iter++) {
+      computeVariableWeights(thread, threads, a, b);
+      barrier->wait();
+      computeWeightSums(thread, threads, aAlpha, aOmega);
+      barrier->wait();
       for (int inner = 0; inner < kInnerIterations; inner++) {
         for (int c = thread; c < mChunks; c += threads) {
           sweepPixels(c, aAlpha, aOmega);
           for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
         }
-#pragma omp barrier
-        for (int l = 0; l < layers; l++) {
-          CLayer& layer = mLayers[l];
-#pragma omp for schedule(static)
-          for (int p = 0; p < layer.nodes; p++) normalizeNode(layer, p, scratch.data());
-        }
+        barrier->wait();
+        normalizeShare(thread, threads, scratch);
+        barrier->wait();
       }
     }
   }

@@ -67,17 +67,21 @@ private:
   void linkNeighbours(int aLayer);
   void pixelNeighbours(int aPixel, std::vector<int>& aOut) const;
 
-  void computeWeights(float aAlpha, float aOmega);
-  void computePixelVariableWeights();
+  void computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA, std::vector<float>& aB);
+  void computePixelVariableWeights(int aFirstRow, int aEndRow);
+  void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
   void normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const;
+  void normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>& aScratch) const;
+  void normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch);
 
   int mXSize = 0;
   int mYSize = 0;
   int mLabels = 0;
   int mLanes = 1;   // labels per chunk, at most 4
   int mChunks = 0;
+  std::vector<int> mLaneIndex;  // chunk * 4 + lane of every label
   float mDistRelaxation = 0.0f;
   std::vector<CLayer> mLayers;
   // Pixel edges: X(i) to the right neighbour, Y(i) to the one below.
