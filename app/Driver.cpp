@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -68,6 +69,7 @@ struct CSettings {
   std::string outputBase;
   bool hasOutputBase = false;
   NDriver::ESolverPath path = NDriver::ESolverPath::Fast;
+  NDriver::CRunStats* stats = nullptr;
 };
 
 void printUsage() {
@@ -269,6 +271,10 @@ int firstLevel() {
   return maxGrid;
 }
 
+double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 void solveLevel(int il, const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
   std::cout << "resolution level: " << il << " / " << maxGrid << std::endl;
   int nXSize = 0;
@@ -287,6 +293,9 @@ void solveLevel(int il, const CSettings& aSettings, CInputs& aIn, CTensor<float>
     levelSegs.emplace_back(nXSize, nYSize, mZSize);
     CUtility::downsample_fac(levelSegs.back(), aIn.aSegs[i - 1], factor);
   }
+  if (aSettings.stats != nullptr)
+    aSettings.stats->updates += static_cast<long long>(nXSize) * nYSize * mLabNo * 10 * maxITER[il];
+  const double solveStart = wallSeconds();
   if (aSettings.path == NDriver::ESolverPath::Reference) {
     CHierarchy hierarchy(aLab, levelSegs);
     if (aSettings.NoSegFiles > 0) {
@@ -304,6 +313,7 @@ void solveLevel(int il, const CSettings& aSettings, CInputs& aIn, CTensor<float>
     hierarchy.solve(conf, labels, mweight, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
     hierarchy.convertToImage(aLab);
   }
+  if (aSettings.stats != nullptr) aSettings.stats->solveSeconds += wallSeconds() - solveStart;
 }
 
 void solveCoarseToFine(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
@@ -316,7 +326,9 @@ void solveCoarseToFine(const CSettings& aSettings, CInputs& aIn, CTensor<float>&
   const std::clock_t start = std::clock();
   std::cout << "iterations on ..." << std::endl;
   for (int il = first; il <= maxGrid; il++) {
+    const double levelStart = wallSeconds();
     solveLevel(il, aSettings, aIn, aLab);
+    if (aSettings.stats != nullptr) aSettings.stats->levelSeconds[il] = wallSeconds() - levelStart;
     if (il == maxGrid) break;
     levelSize(il + 1, nXSize, nYSize);
     aLab.upsample(nXSize, nYSize);
@@ -343,9 +355,10 @@ void writeOutputs(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab
   }
 }
 
-int run(int argc, char** args, NDriver::ESolverPath aPath) {
+int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* aStats) {
   CSettings settings;
   settings.path = aPath;
+  settings.stats = aStats;
   int status = 0;
   if (!parseArguments(argc, args, settings, status)) return status;
   createResultFolder(settings);
@@ -364,10 +377,10 @@ int run(int argc, char** args, NDriver::ESolverPath aPath) {
 
 namespace NDriver {
 
-int main(int argc, char** args, ESolverPath aPath) {
+int main(int argc, char** args, ESolverPath aPath, CRunStats* aStats) {
   // Every exception of the system prints its own message when it is made.
   try {
-    return run(argc, args, aPath);
+    return run(argc, args, aPath, aStats);
   } catch (const CRunFailure&) {
   } catch (const EFileError&) {
   } catch (const EInvalidFileFormat&) {
