@@ -412,6 +412,7 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
   const float oneMinusAlpha = 1.0f - aAlpha;
   CLayer& pixels = mLayers[0];
   const CShare rows = share(height, aThread, aThreads);
+  bool zero = false;
   auto gX = [&](int i) { return mConstX[i] * mVarX[i]; };
   auto gY = [&](int i) { return mConstY[i] * mVarY[i]; };
   for (int y = rows.begin; y < rows.end; y++)
@@ -429,11 +430,14 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
       const float md = aAlpha * mWeight[i] * mConf[i] + oneMinusAlpha * sum;
       pixels.md[i] = md;
       pixels.omegaOverMd[i] = aOmega / md;
+      zero = zero || md == 0.0f;
     }
+  mZeroWeightSum[aThread] = zero;
   for (int l = 1; l < size(); l++) {
     CLayer& layer = mLayers[l];
     const CLayer& finer = mLayers[l - 1];
     const CShare nodes = share(layer.nodes, aThread, aThreads);
+    zero = false;
     for (int p = nodes.begin; p < nodes.end; p++) {
       float sum = 0.0f;
       for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) sum = sum + layer.nbrG[j];
@@ -445,7 +449,9 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
       sum = sum + layer.parentG[p];
       layer.md[p] = sum;
       layer.omegaOverMd[p] = aOmega / sum;
+      zero = zero || sum == 0.0f;
     }
+    mZeroWeightSum[l * aThreads + aThread] = zero;
   }
 }
 
@@ -471,7 +477,8 @@ inline __m128 edge(__m128 aOut, float aWeight, const float* aValues) {
   return _mm_sub_ps(aOut, _mm_mul_ps(_mm_set1_ps(aWeight), _mm_loadu_ps(aValues)));
 }
 
-template <bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent>
+// kCheck: some pixel of the layer has a weight sum of 0 and keeps its degree.
+template <bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent, bool kCheck>
 __attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, int i) {
   float* u = s.u;
   __m128 out = _mm_setzero_ps();
@@ -480,13 +487,13 @@ __attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, int
   if (kDown) out = edge(out, s.gy[i], u + 4 * (i + s.width));
   if (kRight) out = edge(out, s.gx[i], u + 4 * (i + 1));
   if (kParent) out = edge(out, s.parentG[i], s.parentValues + 4 * s.parent[i]);
-  if (s.md[i] == 0.0f) return;
+  if (kCheck && s.md[i] == 0.0f) return;
   out = _mm_mul_ps(s.oneMinusAlpha, out);
   const __m128 step = _mm_mul_ps(_mm_set1_ps(s.omegaOverMd[i]), _mm_sub_ps(_mm_loadu_ps(s.rhs + 4 * i), out));
   _mm_storeu_ps(u + 4 * i, clampUnit(_mm_add_ps(_mm_mul_ps(s.oneMinusOmega, _mm_loadu_ps(u + 4 * i)), step)));
 }
 
-template <bool kParent>
+template <bool kParent, bool kCheck>
 void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
   const int i = y * s.width + x;
   const bool up = y > 0;
@@ -495,22 +502,22 @@ void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
   const bool right = x < s.width - 1;
   // Every combination the borders can have, each a plain instantiation.
   switch ((up ? 8 : 0) | (left ? 4 : 0) | (down ? 2 : 0) | (right ? 1 : 0)) {
-    case 0: updatePixel<false, false, false, false, kParent>(s, i); break;
-    case 1: updatePixel<false, false, false, true, kParent>(s, i); break;
-    case 2: updatePixel<false, false, true, false, kParent>(s, i); break;
-    case 3: updatePixel<false, false, true, true, kParent>(s, i); break;
-    case 4: updatePixel<false, true, false, false, kParent>(s, i); break;
-    case 5: updatePixel<false, true, false, true, kParent>(s, i); break;
-    case 6: updatePixel<false, true, true, false, kParent>(s, i); break;
-    case 7: updatePixel<false, true, true, true, kParent>(s, i); break;
-    case 8: updatePixel<true, false, false, false, kParent>(s, i); break;
-    case 9: updatePixel<true, false, false, true, kParent>(s, i); break;
-    case 10: updatePixel<true, false, true, false, kParent>(s, i); break;
-    case 11: updatePixel<true, false, true, true, kParent>(s, i); break;
-    case 12: updatePixel<true, true, false, false, kParent>(s, i); break;
-    case 13: updatePixel<true, true, false, true, kParent>(s, i); break;
-    case 14: updatePixel<true, true, true, false, kParent>(s, i); break;
-    default: updatePixel<true, true, true, true, kParent>(s, i); break;
+    case 0: updatePixel<false, false, false, false, kParent, kCheck>(s, i); break;
+    case 1: updatePixel<false, false, false, true, kParent, kCheck>(s, i); break;
+    case 2: updatePixel<false, false, true, false, kParent, kCheck>(s, i); break;
+    case 3: updatePixel<false, false, true, true, kParent, kCheck>(s, i); break;
+    case 4: updatePixel<false, true, false, false, kParent, kCheck>(s, i); break;
+    case 5: updatePixel<false, true, false, true, kParent, kCheck>(s, i); break;
+    case 6: updatePixel<false, true, true, false, kParent, kCheck>(s, i); break;
+    case 7: updatePixel<false, true, true, true, kParent, kCheck>(s, i); break;
+    case 8: updatePixel<true, false, false, false, kParent, kCheck>(s, i); break;
+    case 9: updatePixel<true, false, false, true, kParent, kCheck>(s, i); break;
+    case 10: updatePixel<true, false, true, false, kParent, kCheck>(s, i); break;
+    case 11: updatePixel<true, false, true, true, kParent, kCheck>(s, i); break;
+    case 12: updatePixel<true, true, false, false, kParent, kCheck>(s, i); break;
+    case 13: updatePixel<true, true, false, true, kParent, kCheck>(s, i); break;
+    case 14: updatePixel<true, true, true, false, kParent, kCheck>(s, i); break;
+    default: updatePixel<true, true, true, true, kParent, kCheck>(s, i); break;
   }
 }
 
@@ -519,7 +526,7 @@ void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
 // pixel still reads new degrees above and to its left and old ones below and
 // to its right, but the rows' update chains are independent, so their
 // latencies overlap.
-template <bool kParent>
+template <bool kParent, bool kCheck>
 void sweepRows(const CPixelSweep& s, int aHeight) {
   constexpr int kBand = 8;
   const int width = s.width;
@@ -529,12 +536,12 @@ void sweepRows(const CPixelSweep& s, int aHeight) {
     for (int t = 0; t < width + rows - 1; t++) {
       if (innerRows && t >= kBand && t < width - 1) {
         const int i = y0 * width + t;
-        for (int r = 0; r < kBand; r++) updatePixel<true, true, true, true, kParent>(s, i + r * (width - 1));
+        for (int r = 0; r < kBand; r++) updatePixel<true, true, true, true, kParent, kCheck>(s, i + r * (width - 1));
         continue;
       }
       for (int r = 0; r < rows; r++) {
         const int x = t - r;
-        if (x >= 0 && x < width) updateBorderPixel<kParent>(s, x, y0 + r, aHeight);
+        if (x >= 0 && x < width) updateBorderPixel<kParent, kCheck>(s, x, y0 + r, aHeight);
       }
     }
   }
@@ -560,10 +567,11 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
                           pixels.omegaOverMd.data(),
                           _mm_set1_ps(1.0f - aAlpha),
                           _mm_set1_ps(1.0f - aOmega)};
+  const bool check = anyZeroWeightSum(0);
   if (hasParent)
-    sweepRows<true>(sweep, mYSize);
+    check ? sweepRows<true, true>(sweep, mYSize) : sweepRows<true, false>(sweep, mYSize);
   else
-    sweepRows<false>(sweep, mYSize);
+    check ? sweepRows<false, true>(sweep, mYSize) : sweepRows<false, false>(sweep, mYSize);
 }
 
 // One Gauss-Seidel pass over a coarser layer for the labels of one chunk.
@@ -574,6 +582,7 @@ void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
   const bool hasParent = aLayer + 1 < size();
   const float* above = hasParent ? chunk(mLayers[aLayer + 1], aChunk) : nullptr;
   const __m128 oneMinusOmega = _mm_set1_ps(1.0f - aOmega);
+  const bool check = anyZeroWeightSum(aLayer);
   for (int p = 0; p < layer.nodes; p++) {
     __m128 out = _mm_setzero_ps();
     for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++)
@@ -582,7 +591,7 @@ void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
       out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.childG[j]), _mm_loadu_ps(below + 4 * layer.child[j])));
     if (hasParent)
       out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.parentG[p]), _mm_loadu_ps(above + 4 * layer.parent[p])));
-    if (layer.md[p] == 0.0f) continue;
+    if (check && layer.md[p] == 0.0f) continue;
     const __m128 old = _mm_loadu_ps(u + 4 * p);
     const __m128 step = _mm_mul_ps(_mm_set1_ps(layer.omegaOverMd[p]), _mm_sub_ps(_mm_setzero_ps(), out));
     _mm_storeu_ps(u + 4 * p, clampUnit(_mm_add_ps(_mm_mul_ps(oneMinusOmega, old), step)));
@@ -666,6 +675,11 @@ void CFlatHierarchy::normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>
   }
 }
 
+bool CFlatHierarchy::anyZeroWeightSum(int aLayer) const {
+  const auto first = mZeroWeightSum.begin() + static_cast<long>(aLayer) * mTeam;
+  return std::find(first, first + mTeam, 1) != first + mTeam;
+}
+
 // One thread's share of every layer's nodes, four at a time.
 void CFlatHierarchy::normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch) {
   for (int l = 0; l < size(); l++) {
@@ -702,7 +716,11 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
 #pragma omp parallel num_threads(wanted)
   {
 #pragma omp single
-    barrier = std::make_unique<CYieldingBarrier>(omp_get_num_threads());
+    {
+      mTeam = omp_get_num_threads();
+      mZeroWeightSum.assign(static_cast<size_t>(layers) * mTeam, 0);
+      barrier = std::make_unique<CYieldingBarrier>(mTeam);
+    }
     const int thread = omp_get_thread_num();
     const int threads = omp_get_num_threads();
     std::vector<float> a(mLabels);

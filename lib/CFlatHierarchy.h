@@ -75,6 +75,7 @@ private:
   void normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const;
   void normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>& aScratch) const;
   void normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch);
+  bool anyZeroWeightSum(int aLayer) const;
 
   int mXSize = 0;
   int mYSize = 0;
@@ -82,6 +83,9 @@ private:
   int mLanes = 1;   // labels per chunk, at most 4
   int mChunks = 0;
   std::vector<int> mLaneIndex;  // chunk * 4 + lane of every label
+  int mTeam = 1;                // threads of the solve
+  // [layer][thread]: a node of the thread's share has a weight sum of 0.
+  std::vector<char> mZeroWeightSum;
   float mDistRelaxation = 0.0f;
   std::vector<CLayer> mLayers;
   // Pixel edges: X(i) to the right neighbour, Y(i) to the one below.

@@ -174,6 +174,24 @@ TEST(FlatSolver, ZeroIterationsLeaveTheStartingDegrees) {
   expectSameDegrees(reference, flat, c.labels, "no iterations");
 }
 
+TEST(FlatSolver, APixelWithoutAnyWeightKeepsItsDegrees) {
+  CTensor<float> start(1, 1, 2);
+  start(0, 0, 0) = 0.25f;
+  start(0, 0, 1) = 0.75f;
+  const std::vector<CTensor<float>> segs = {CTensor<float>(1, 1, 3, 9.0f)};
+  CTensor<float> sparse(1, 1, 2, 0.0f);
+  CMatrix<float> conf(1, 1, 0.0f);
+  CMatrix<float> weight(1, 1, 1.0f);
+  CHierarchy reference(start, segs);
+  CFlatHierarchy flat(start, segs);
+  mLabNo = 2;
+  mweight = weight;
+  solveSegmentation_SOR(reference, conf, sparse, 0.0f, 1.9f, 2);
+  flat.solve(conf, sparse, weight, 0.0f, 1.9f, 2);
+  expectSameDegrees(reference, flat, 2, "isolated pixel");
+  EXPECT_EQ(flat.value(0, 0, 1), 0.75f);
+}
+
 TEST(FlatSolver, NoLayersIsTheSameError) {
   CTensor<float> start(4, 4, 2, 0.5f);
   std::vector<CTensor<float>> none;
