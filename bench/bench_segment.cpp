@@ -83,20 +83,22 @@ struct CScene {
   int labels = 0;
 };
 
-// Ground truth: a Voronoi partition with boundaries bent by smooth noise.
-// Region colours are random, but every third region copies a neighbouring
-// colour with a small offset (a low-contrast boundary). Textures: flat,
-// stripes, blotches, fine checks; Gaussian noise over everything.
+// Ground truth: a Voronoi partition with boundaries bent by smooth noise and a
+// few small elliptic objects on top. Colours are random, but every third
+// region copies the colour of the one before with a small offset (a
+// low-contrast boundary). Textures: flat, stripes, blotches, fine checks;
+// smooth shading and Gaussian noise over everything.
 CScene makeScene(int aWidth, int aHeight, int aSeed) {
   CRandom random(static_cast<uint64_t>(aSeed));
   const int regions = 16;
+  const int objects = 6;
   std::vector<std::array<double, 2>> sites;
   for (int r = 0; r < regions; r++) sites.push_back({random.uniform() * aWidth, random.uniform() * aHeight});
   const double scale = aWidth / 320.0;
   const CValueNoise bendX(random, aWidth, aHeight, 40 * scale);
   const CValueNoise bendY(random, aWidth, aHeight, 40 * scale);
   CScene scene;
-  scene.labels = regions;
+  scene.labels = regions + objects;
   scene.truth.setSize(aWidth, aHeight);
   for (int y = 0; y < aHeight; y++)
     for (int x = 0; x < aWidth; x++) {
@@ -114,6 +116,15 @@ CScene makeScene(int aWidth, int aHeight, int aSeed) {
       }
       scene.truth(x, y) = best;
     }
+  for (int o = 0; o < objects; o++) {
+    const double cx = random.uniform() * aWidth;
+    const double cy = random.uniform() * aHeight;
+    const double rx = (8 + 8 * random.uniform()) * scale;
+    const double ry = (8 + 8 * random.uniform()) * scale;
+    for (int y = 0; y < aHeight; y++)
+      for (int x = 0; x < aWidth; x++)
+        if ((x - cx) * (x - cx) / (rx * rx) + (y - cy) * (y - cy) / (ry * ry) < 1.0) scene.truth(x, y) = regions + o;
+  }
 
   struct CLook {
     std::array<double, 3> colour;
@@ -121,7 +132,7 @@ CScene makeScene(int aWidth, int aHeight, int aSeed) {
     double amplitude, period, angle;
   };
   std::vector<CLook> looks;
-  for (int r = 0; r < regions; r++) {
+  for (int r = 0; r < scene.labels; r++) {
     CLook look{{40 + 175 * random.uniform(), 40 + 175 * random.uniform(), 40 + 175 * random.uniform()},
                static_cast<int>(random.uniform() * 4), 20 + 30 * random.uniform(), (5 + 10 * random.uniform()) * scale,
                3.14159 * random.uniform()};
@@ -195,12 +206,14 @@ std::vector<CMatrix<int>> gridHierarchy(int aWidth, int aHeight, const std::vect
   return levels;
 }
 
-const std::array<std::array<int, 3>, 16> kLabelColours = {
+const std::array<std::array<int, 3>, 22> kLabelColours = {
     {{230, 25, 75}, {60, 180, 75}, {0, 130, 200}, {245, 130, 48}, {145, 30, 180}, {70, 240, 240}, {240, 50, 230},
      {128, 128, 0}, {210, 245, 60}, {0, 128, 128}, {170, 110, 40}, {128, 0, 0}, {0, 0, 128}, {128, 128, 128},
-     {0, 0, 0}, {255, 215, 180}}};
+     {0, 0, 0}, {255, 215, 180}, {255, 225, 25}, {0, 255, 128}, {128, 0, 255}, {255, 128, 128}, {64, 64, 192},
+     {192, 64, 64}}};
 
-// Scribbles: in every true region a few short strokes, kept well inside it.
+// Scribbles: in every true region a few short strokes, kept well inside it;
+// shorter ones where long ones do not fit.
 CTensor<float> scribbles(const CScene& aScene, int aSeed) {
   const int w = aScene.truth.xSize();
   const int h = aScene.truth.ySize();
@@ -218,11 +231,11 @@ CTensor<float> scribbles(const CScene& aScene, int aSeed) {
   CTensor<float> canvas(w, h, 3, 255.0f);
   for (int label = 0; label < aScene.labels; label++) {
     int strokes = 0;
-    for (int attempt = 0; attempt < 2000 && strokes < 3; attempt++) {
+    for (int attempt = 0; attempt < 3000 && strokes < 3; attempt++) {
       const int x0 = static_cast<int>(random.uniform() * w);
       const int y0 = static_cast<int>(random.uniform() * h);
       const double angle = 6.28318 * random.uniform();
-      const int length = w / 16;
+      const int length = attempt < 1000 ? w / 16 : w / 40;
       bool fits = true;
       for (int t = 0; t <= length && fits; t++)
         fits = inside(static_cast<int>(x0 + t * std::cos(angle)), static_cast<int>(y0 + t * std::sin(angle)), label);

@@ -27,8 +27,8 @@ const std::array<float, 256>& linearTable() {
 }
 
 float linear(float aByte) {
-  const int i = static_cast<int>(std::lround(std::clamp(aByte, 0.0f, 255.0f)));
-  return linearTable()[static_cast<size_t>(i)];
+  const float byte = aByte > 0.0f ? std::min(aByte, 255.0f) : 0.0f;  // NaN gives 0 too
+  return linearTable()[static_cast<size_t>(byte + 0.5f)];
 }
 
 // Cube root of a positive float: a first guess from the bit pattern divided
