@@ -292,6 +292,14 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
       }
     layer.nbrStart[a + 1] = static_cast<int>(layer.nbr.size());
   }
+  layer.nbrFirst.resize(layer.nbr.size());
+  for (int a = 0; a < n; a++)
+    for (int j = layer.nbrStart[a]; j < layer.nbrStart[a + 1]; j++) {
+      int first = layer.nbrStart[a];
+      while (layer.nbr[first] != layer.nbr[j]) first++;
+      layer.nbrFirst[j] = first;
+    }
+  layer.nbrVar.assign(layer.nbr.size(), 0.0f);
 }
 
 void CFlatHierarchy::distanceFunction(CMatrix<float>& aDistance) const {
@@ -345,6 +353,17 @@ void CFlatHierarchy::computePixelVariableWeights(int aFirstRow, int aEndRow) {
     return;
   }
   const CLayer& pixels = mLayers[0];
+  const __m128 minusHalf = _mm_set1_ps(-0.5f);
+  const __m128 half = _mm_set1_ps(0.5f);
+  // Central derivative with the mirrored border: -0.5 * before + 0.5 * after.
+  auto derivative = [&](__m128 aBefore, __m128 aAfter) {
+    return _mm_add_ps(_mm_mul_ps(minusHalf, aBefore), _mm_mul_ps(half, aAfter));
+  };
+  auto energy = [](__m128 aGradX, __m128 aGradY) {
+    return _mm_add_ps(_mm_mul_ps(aGradX, aGradX), _mm_mul_ps(aGradY, aGradY));
+  };
+  alignas(16) float termsX[4];
+  alignas(16) float termsY[4];
   for (int y = aFirstRow; y < aEndRow; y++) {
     const int up = y > 0 ? y - 1 : 0;
     const int down = y < height - 1 ? y + 1 : height - 1;
@@ -353,23 +372,27 @@ void CFlatHierarchy::computePixelVariableWeights(int aFirstRow, int aEndRow) {
       const int right = x < width - 1 ? x + 1 : width - 1;
       float sumX = 0.0f;
       float sumY = 0.0f;
-      for (int k = 0; k < mLabels; k++) {
-        const float* m = pixels.values.data() + pixels.labelOffset[k];
-        auto at = [&](int ax, int ay) { return m[static_cast<size_t>(ay * width + ax) * 4]; };
-        const float centre = at(x, y);
+      // Per chunk the terms of its labels at once; summed in label order.
+      for (int c = 0; c < mChunks; c++) {
+        const float* m = pixels.values.data() + static_cast<size_t>(c) * n * 4;
+        auto at = [&](int ax, int ay) { return _mm_loadu_ps(m + static_cast<size_t>(ay * width + ax) * 4); };
+        const __m128 centre = at(x, y);
         if (x < width - 1) {
-          const float derivY0 = -0.5f * at(x, up) + 0.5f * at(x, down);
-          const float derivY1 = -0.5f * at(x + 1, up) + 0.5f * at(x + 1, down);
-          const float aGradX = at(x + 1, y) - centre;
-          const float aGradY = 0.5f * (derivY0 + derivY1);
-          sumX += aGradX * aGradX + aGradY * aGradY;
+          const __m128 aGradX = _mm_sub_ps(at(x + 1, y), centre);
+          const __m128 aGradY =
+              _mm_mul_ps(half, _mm_add_ps(derivative(at(x, up), at(x, down)), derivative(at(x + 1, up), at(x + 1, down))));
+          _mm_store_ps(termsX, energy(aGradX, aGradY));
         }
         if (y < height - 1) {
-          const float derivX0 = -0.5f * at(left, y) + 0.5f * at(right, y);
-          const float derivX1 = -0.5f * at(left, y + 1) + 0.5f * at(right, y + 1);
-          const float aGradX = 0.5f * (derivX0 + derivX1);
-          const float aGradY = at(x, y + 1) - centre;
-          sumY += aGradX * aGradX + aGradY * aGradY;
+          const __m128 aGradX = _mm_mul_ps(
+              half, _mm_add_ps(derivative(at(left, y), at(right, y)), derivative(at(left, y + 1), at(right, y + 1))));
+          const __m128 aGradY = _mm_sub_ps(at(x, y + 1), centre);
+          _mm_store_ps(termsY, energy(aGradX, aGradY));
+        }
+        const int lanes = std::min(mLanes, mLabels - c * mLanes);
+        for (int lane = 0; lane < lanes; lane++) {
+          if (x < width - 1) sumX += termsX[lane];
+          if (y < height - 1) sumY += termsY[lane];
         }
       }
       mVarX[y * width + x] = CSuperpixelLayer::diffusivity_fl(sumX);
@@ -391,8 +414,14 @@ void CFlatHierarchy::computeVariableWeights(int aThread, int aThreads, std::vect
     for (int p = nodes.begin; p < nodes.end; p++) {
       gather(layer, p, aA.data());
       for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
-        gather(layer, layer.nbr[j], aB.data());
-        layer.nbrG[j] = layer.nbrConst[j] * vectorDiffusivity(aA.data(), aB.data(), mLabels);
+        // A node listed again (non-local paths, self links) has the same weight.
+        if (layer.nbrFirst[j] == j) {
+          gather(layer, layer.nbr[j], aB.data());
+          layer.nbrVar[j] = vectorDiffusivity(aA.data(), aB.data(), mLabels);
+        } else {
+          layer.nbrVar[j] = layer.nbrVar[layer.nbrFirst[j]];
+        }
+        layer.nbrG[j] = layer.nbrConst[j] * layer.nbrVar[j];
       }
     }
     const CShare children = share(finer.nodes, aThread, aThreads);

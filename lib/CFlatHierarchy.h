@@ -48,7 +48,8 @@ private:
     std::vector<int> childStart, child;       // children in the layer below
     std::vector<float> childConst, childG;    // per child edge, parent side
     std::vector<int> nbrStart, nbr;           // neighbours (coarser layers only)
-    std::vector<float> nbrDist, nbrConst, nbrG;
+    std::vector<float> nbrDist, nbrConst, nbrVar, nbrG;
+    std::vector<int> nbrFirst;                // first entry of the same node in the list
     std::vector<float> md;             // weight sum (pixels: with the data term)
     std::vector<float> omegaOverMd;
     std::vector<float> values;         // [chunk][node][lane]
