@@ -557,7 +557,7 @@ void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
 // latencies overlap.
 template <bool kParent, bool kCheck>
 void sweepRows(const CPixelSweep& s, int aHeight) {
-  constexpr int kBand = 8;
+  constexpr int kBand = 6;
   const int width = s.width;
   for (int y0 = 0; y0 < aHeight; y0 += kBand) {
     const int rows = std::min(kBand, aHeight - y0);
