@@ -20,20 +20,6 @@ namespace {
 
 constexpr int kInnerIterations = 10;
 
-// Packed colour of a segmentation pixel, channels truncated to int; the same
-// key and the same rejection of colours outside 0..255 as the node path.
-int colourKey(const CTensor<float>& aSeg, int ix, int iy) {
-  int key = 0;
-  for (int k = 2; k >= 0; k--) {
-    const float value = aSeg(ix, iy, k);
-    if (!(value > -1.0f && value < 256.0f))
-      throw EFileError("segmentation image", "colour value " + std::to_string(value) + " outside 0..255 at pixel (" +
-                                                 std::to_string(ix) + ", " + std::to_string(iy) + ")");
-    key = key * 256 + static_cast<int>(value);
-  }
-  return key;
-}
-
 // diffusivity() of two colour vectors of aImageA and aImageB at two pixels.
 float colourDiffusivity(const CTensor<float>& aImageA, int aPixelA, const CTensor<float>& aImageB, int aPixelB) {
   const int width = aImageA.xSize();
@@ -125,7 +111,14 @@ void CFlatHierarchy::gather(const CLayer& aLayer, int aNode, float* aOut) const 
   for (int k = 0; k < mLabels; k++) aOut[k] = base[aLayer.labelOffset[k]];
 }
 
-void CFlatHierarchy::allocateValues(CLayer& aLayer, float aValue) {
+void CFlatHierarchy::allocateNodeArrays(CLayer& aLayer, float aValue) {
+  const int n = aLayer.nodes;
+  aLayer.parent.assign(n, -1);
+  aLayer.parentConst.assign(n, 0.0f);
+  aLayer.parentVar.assign(n, 0.0f);
+  aLayer.parentG.assign(n, 0.0f);
+  aLayer.md.assign(n, 0.0f);
+  aLayer.omegaOverMd.assign(n, 0.0f);
   aLayer.values.assign(static_cast<size_t>(mChunks) * aLayer.nodes * 4, 0.0f);
   aLayer.labelOffset.resize(mLabels);
   for (int k = 0; k < mLabels; k++)
@@ -146,13 +139,7 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<f
     layer.y[i] = static_cast<float>(i / mXSize);
     layer.firstLeaf[i] = i;
   }
-  layer.parent.assign(n, -1);
-  layer.parentConst.assign(n, 0.0f);
-  layer.parentVar.assign(n, 0.0f);
-  layer.parentG.assign(n, 0.0f);
-  layer.md.assign(n, 0.0f);
-  layer.omegaOverMd.assign(n, 0.0f);
-  allocateValues(layer, 0.0f);
+  allocateNodeArrays(layer, 0.0f);
   for (int k = 0; k < mLabels; k++)
     for (int i = 0; i < n; i++) layer.values[slot(layer, i, k)] = aImg.data()[static_cast<size_t>(k) * n + i];
   CMatrix<float> gx(mXSize, mYSize);
@@ -186,7 +173,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
   int lastNode = -1;
   for (int f = 0; f < finer.nodes; f++) {
     const int leaf = finer.firstLeaf[f];
-    const int key = colourKey(aSeg, leaf % mXSize, leaf / mXSize);
+    const int key = segmentColourKey(aSeg, leaf % mXSize, leaf / mXSize);
     if (key != lastKey) {
       lastNode = nodeOfColour.try_emplace(key, static_cast<int>(nodeOfColour.size())).first->second;
       lastKey = key;
@@ -217,13 +204,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
     layer.y[p] = sumY / count;
     layer.firstLeaf[p] = finer.firstLeaf[layer.child[layer.childStart[p]]];
   }
-  layer.parent.assign(n, -1);
-  layer.parentConst.assign(n, 0.0f);
-  layer.parentVar.assign(n, 0.0f);
-  layer.parentG.assign(n, 0.0f);
-  layer.md.assign(n, 0.0f);
-  layer.omegaOverMd.assign(n, 0.0f);
-  allocateValues(layer, 1.0f / static_cast<float>(mLabels));
+  allocateNodeArrays(layer, 1.0f / static_cast<float>(mLabels));
 
   linkNeighbours(aLayer);
 

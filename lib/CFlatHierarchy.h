@@ -57,7 +57,8 @@ private:
   };
 
   float* chunk(CLayer& aLayer, int aChunk) { return aLayer.values.data() + static_cast<size_t>(aChunk) * aLayer.nodes * 4; }
-  void allocateValues(CLayer& aLayer, float aValue);
+  // Per-node arrays of a layer whose node count is set; every degree aValue.
+  void allocateNodeArrays(CLayer& aLayer, float aValue);
   static size_t slot(const CLayer& aLayer, int aNode, int aLabel) {
     return aLayer.labelOffset[aLabel] + static_cast<size_t>(aNode) * 4;
   }

@@ -29,12 +29,8 @@ void getZVector(const CTensor<float>& aTensor, int ix, int iy, CVector<float>& v
   for (int k = 0; k < z; k++) vec(k) = aTensor(ix, iy, k);
 }
 
-namespace {
-
-// Colour of one segmentation pixel packed into 24 bits (channel 0 lowest),
-// each channel truncated to int. A colour that is not 0..255 per channel
-// cannot name a region and is rejected.
-int colourKey(const CTensor<float>& aSeg, int ix, int iy) {
+// A colour that is not 0..255 per channel cannot name a region.
+int segmentColourKey(const CTensor<float>& aSeg, int ix, int iy) {
   if (ix < 0 || iy < 0 || ix >= aSeg.xSize() || iy >= aSeg.ySize())
     throw EFileError("segmentation image", "does not cover pixel (" + std::to_string(ix) + ", " +
                                                std::to_string(iy) + ")");
@@ -48,6 +44,8 @@ int colourKey(const CTensor<float>& aSeg, int ix, int iy) {
   }
   return key;
 }
+
+namespace {
 
 // Channel vector of aImage at the first leaf of aNode.
 void getLeafColour(const CTensor<float>& aImage, const CSuperpixel* aNode, CVector<float>& aColour) {
@@ -178,7 +176,7 @@ void CSuperpixelLayer::createSPLayer(CSuperpixelLayer& SLayer2, const CTensor<fl
   std::unordered_map<int, int> mapValueToLabel1;
   int counter1 = 0;
   for (CSuperpixel* f : SLayer2.sLayer) {
-    const int key = colourKey(aSeg, static_cast<int>(f->getLeafX()), static_cast<int>(f->getLeafY()));
+    const int key = segmentColourKey(aSeg, static_cast<int>(f->getLeafX()), static_cast<int>(f->getLeafY()));
     const auto [entry, isNew] = mapValueToLabel1.try_emplace(key, counter1);
     CSuperpixel* parent = nullptr;
     if (isNew) {

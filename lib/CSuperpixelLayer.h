@@ -27,6 +27,10 @@ extern float mDistRelaxationFac;
 float diffusivity(const CVector<float>& aVec1, const CVector<float>& aVec2);
 // exp(-dist^2 / mDistRelaxationFac); the quotient in float, exp in double.
 float distFCT(float dist);
+// Colour of segmentation pixel (ix, iy) packed into 24 bits, channel 0
+// lowest, each channel truncated to int; a pixel outside the image or a
+// channel outside 0..255 throws EFileError.
+int segmentColourKey(const CTensor<float>& aSeg, int ix, int iy);
 // vec = the channel vector of aTensor at (ix, iy).
 void getZVector(const CTensor<float>& aTensor, int ix, int iy, CVector<float>& vec);
 
