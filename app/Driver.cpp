@@ -143,7 +143,8 @@ bool parseArguments(int argc, char** args, CSettings& aSettings, int& aStatus) {
   try {
     CUtility::decomposeFileName(&mInputImg, &mInputDir, &mInputImg, &mInputEnd);
   } catch (const std::out_of_range& error) {
-    throw fail(std::string(args[1]) + ": the image name has no ending such as .ppm (" + error.what() + ")");
+    throw fail(std::string("argument 1: the image name '") + args[1] + "' has no ending such as .ppm (" +
+               error.what() + ")");
   }
   return true;
 }
@@ -184,8 +185,9 @@ void requireImageSize(const CTensor<float>& aTensor, const std::string& aName, c
 
 std::string segmentationName(int k) { return mInputDir + mInputImg + "_seg" + std::to_string(k) + mInputEnd; }
 
-// Counts the distinct label colours, stopping early past the limit.
-void checkLabelCount(const CTensor<float>& aColours, const std::string& aName) {
+// Counts the distinct label colours, stopping early past the limit; aNone
+// says what is wrong when there is no label at all.
+void checkLabelCount(const CTensor<float>& aColours, const std::string& aName, const std::string& aNone) {
   std::unordered_set<long long> colours;
   const int n = aColours.xSize() * aColours.ySize();
   const float* data = aColours.data();
@@ -199,7 +201,7 @@ void checkLabelCount(const CTensor<float>& aColours, const std::string& aName) {
       throw fail(aName + ": more than " + std::to_string(kMaxLabels) + " label colours; a label image holds white (" +
                  "unlabelled) and one colour per label");
   }
-  if (colours.empty()) throw fail(aName + ": no labels (every pixel is white)");
+  if (colours.empty()) throw fail(aName + ": " + aNone);
   if (static_cast<long long>(n) * static_cast<long long>(colours.size()) > INT_MAX)
     throw fail(aName + ": too many labels for an image of this size");
 }
@@ -235,11 +237,11 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
     const std::string labelName = mInputDir + mTrackFile;
     inputTracks = readColour(labelName);
     requireImageSize(inputTracks, labelName, "the label image");
-    checkLabelCount(inputTracks, labelName);
+    checkLabelCount(inputTracks, labelName, "no labels (every pixel is white)");
   } else {
     if (!CUtility::readTracks(mTrackFile.c_str(), aSettings.frameNo, inputTracks))
-      throw fail(mTrackFile + ": the track file cannot be opened");
-    checkLabelCount(inputTracks, mTrackFile + " (frame " + std::to_string(aSettings.frameNo) + ")");
+      throw fail(mTrackFile + ": the track file is missing or not a plain file");
+    checkLabelCount(inputTracks, mTrackFile, "no point in frame " + std::to_string(aSettings.frameNo));
   }
   mLabNo = CUtility::color2labelFunction(aIn.aLabels, inputTracks, aIn.mapLabelToColor);
   std::cout << "number of labels:  " << mLabNo << std::endl;
@@ -386,6 +388,8 @@ int main(int argc, char** args, ESolverPath aPath, CRunStats* aStats) {
   } catch (const EInvalidFileFormat&) {
   } catch (const ETensorIncompatibleSize&) {
   } catch (const EFilterIncompatibleSize&) {
+  } catch (const EFilterNotAvailable&) {
+  } catch (const EMissingLabelColors&) {
   } catch (const CHierarchy::EMissingLayers&) {
   } catch (const std::bad_alloc&) {
     std::cerr << "Error: out of memory" << std::endl;

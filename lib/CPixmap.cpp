@@ -49,6 +49,8 @@ std::vector<unsigned char> slurp(const std::string& aFilename) {
   struct stat info {};
   if (stat(aFilename.c_str(), &info) != 0) throw EFileError("File not found: " + aFilename);
   if (S_ISDIR(info.st_mode)) throw EFileError(aFilename, "is a directory, not a pixmap file");
+  // A pipe or device could block the open or never end; only plain files are read.
+  if (!S_ISREG(info.st_mode)) throw EFileError(aFilename, "is not a regular file, not a pixmap file");
   std::ifstream file(aFilename, std::ios::binary);
   if (!file) throw EFileError("File not found: " + aFilename);
   std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());

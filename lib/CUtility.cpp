@@ -286,8 +286,9 @@ void CUtility::labelFunction2color(const CTensor<float>& aLabelFunction, CTensor
 bool CUtility::readTracks(const char* aFilename, int aFrame, CTensor<float>& aLabelColor) {
   std::ifstream file;
   struct stat status {};
-  // A folder opens as a stream on Linux but cannot be read: treat it as missing.
-  if (stat(aFilename, &status) != 0 || !S_ISDIR(status.st_mode)) file.open(aFilename);
+  // A folder opens as a stream on Linux but cannot be read, and a pipe could
+  // block the open: only plain files count as present.
+  if (stat(aFilename, &status) == 0 && S_ISREG(status.st_mode)) file.open(aFilename);
   if (!file.is_open()) {
     std::cout << "File not found." << std::endl;
     return false;

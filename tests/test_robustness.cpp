@@ -1,0 +1,247 @@
+// End-to-end runs of the labelling tool on bad input: every failure must end
+// the process normally with status 2 and one message naming the culprit, and
+// must leave no result file behind.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "CTensor.h"
+#include "TestSupport.h"
+
+namespace {
+
+using NTest::CRunResult;
+using NTest::CScratchDir;
+
+constexpr int kWidth = 24;
+constexpr int kHeight = 16;
+
+std::string pixmap(int aWidth, int aHeight, const std::string& aMagic = "P6", int aMaxval = 255) {
+  const size_t samples = static_cast<size_t>(aWidth) * aHeight * (aMagic == "P5" ? 1 : 3);
+  return aMagic + "\n" + std::to_string(aWidth) + " " + std::to_string(aHeight) + "\n" + std::to_string(aMaxval) +
+         "\n" + std::string(samples, '\x60');
+}
+
+// Scribbles on white: one black and one red pixel.
+std::string labelImage(int aWidth = kWidth, int aHeight = kHeight) {
+  CTensor<float> labels(aWidth, aHeight, 3, 255.0f);
+  for (int z = 0; z < 3; z++) labels(1, 1, z) = 0.0f;
+  labels(aWidth - 2, aHeight - 2, 1) = labels(aWidth - 2, aHeight - 2, 2) = 0.0f;
+  CScratchDir dir;
+  labels.writeToPPM(dir.file("l.ppm").c_str());
+  return NTest::readFile(dir.file("l.ppm"));
+}
+
+// A label image that looks like a photograph: every pixel a colour of its own.
+std::string photograph() {
+  std::string image = "P6\n24 16\n255\n";
+  for (int i = 0; i < kWidth * kHeight; i++) image += {static_cast<char>(i), static_cast<char>(i / 3), '\x01'};
+  return image;
+}
+
+// A valid image, segmentation, label image and track file in a scratch folder.
+struct CScene {
+  CScratchDir dir;
+  CScene() {
+    NTest::writeFile(dir.file("img.ppm"), pixmap(kWidth, kHeight));
+    NTest::writeFile(dir.file("img_seg0.ppm"), pixmap(kWidth, kHeight));
+    NTest::writeFile(dir.file("lab.ppm"), labelImage());
+    NTest::writeFile(dir.file("tracks.dat"), "0 2\n3 1\n2.5 3.5 7\n0 2\n10 8 7\n1 1 6\n");
+  }
+  std::string results() const { return dir.file("TarnwickResults"); }
+  CRunResult run(const std::vector<std::string>& aArgs) const { return NTest::run(TARNWICK_EXE, aArgs, dir.path()); }
+};
+
+// The common bar for a rejected input.
+void expectRejected(const CRunResult& aResult, const CScene& aScene, const std::string& aName,
+                    const std::string& aProblem) {
+  EXPECT_EQ(aResult.signal, 0);
+  EXPECT_EQ(aResult.status, 2);
+  EXPECT_EQ(NTest::lines(aResult.err).size(), 1u) << aResult.err;
+  EXPECT_NE(aResult.err.find(aName), std::string::npos) << aResult.err;
+  EXPECT_NE(aResult.err.find(aProblem), std::string::npos) << aResult.err;
+  if (NTest::fileExists(aScene.results())) {
+    EXPECT_TRUE(NTest::listDir(aScene.results()).empty());
+  }
+}
+
+enum class EKind { Contents, Missing, Folder, Pipe, Unreadable };
+
+struct CBadFile {
+  const char* what;
+  EKind kind;
+  std::string contents;
+  const char* problem;
+};
+
+const std::vector<CBadFile> kBadPixmaps = {
+    {"missing", EKind::Missing, "", "File not found: "},
+    {"folder", EKind::Folder, "", "is a directory"},
+    {"named pipe", EKind::Pipe, "", "not a regular file"},
+    {"unreadable", EKind::Unreadable, pixmap(kWidth, kHeight), "File not found: "},
+    {"empty", EKind::Contents, "", "is empty"},
+    {"text", EKind::Contents, "labels: sky, road\n", "not a pixmap file"},
+    {"no P at all", EKind::Contents, "abc", "not a pixmap file"},
+    {"ASCII pixmap", EKind::Contents, "P3\n1 1\n255\n0 0 0\n", "EInvalidFileFormat"},
+    {"header cut short", EKind::Contents, "P6\n24 16", "header ends"},
+    {"truncated pixels", EKind::Contents, pixmap(kWidth, kHeight).substr(0, 200), "truncated pixel data"},
+    {"zero width", EKind::Contents, "P6\n0 16\n255\n", "invalid image size"},
+    {"negative width", EKind::Contents, "P6\n-24 16\n255\n" + std::string(kWidth * kHeight * 3, 'x'),
+     "invalid image size"},
+    {"absurd extents", EKind::Contents, "P6\n100000 100000\n255\n0123456789", "too large"},
+    {"extents beyond the data", EKind::Contents, "P6\n20000 20000\n255\n0123456789", "truncated pixel data"},
+    {"16-bit samples", EKind::Contents, pixmap(kWidth, kHeight, "P6", 65535) + std::string(kWidth * kHeight * 3, 'x'),
+     "maximum value 65535"},
+    {"maxval 15", EKind::Contents, pixmap(kWidth, kHeight, "P6", 15), "maximum value 15"},
+};
+
+// Replaces aPath by the bad file; false when the case cannot be set up here.
+bool plant(const CBadFile& aBad, const std::string& aPath) {
+  std::remove(aPath.c_str());
+  switch (aBad.kind) {
+    case EKind::Missing:
+      return true;
+    case EKind::Folder:
+      return mkdir(aPath.c_str(), 0755) == 0;
+    case EKind::Pipe:
+      return mkfifo(aPath.c_str(), 0644) == 0;
+    case EKind::Unreadable:
+      // Permissions do not stop the superuser from reading.
+      NTest::writeFile(aPath, aBad.contents);
+      return geteuid() != 0 && chmod(aPath.c_str(), 0) == 0;
+    case EKind::Contents:
+      NTest::writeFile(aPath, aBad.contents);
+      return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+TEST(Robustness, BadPixmapsAreRejectedAsImageSegmentationAndLabelImage) {
+  for (const char* role : {"img.ppm", "img_seg0.ppm", "lab.ppm"})
+    for (const CBadFile& bad : kBadPixmaps) {
+      SCOPED_TRACE(std::string(role) + " " + bad.what);
+      CScene scene;
+      if (!plant(bad, scene.dir.file(role))) continue;
+      expectRejected(scene.run({"img.ppm", "1", "lab.ppm"}), scene, std::string("./") + role, bad.problem);
+    }
+}
+
+TEST(Robustness, InputsThatDoNotFitTheImageAreRejected) {
+  const struct {
+    const char* file;
+    std::string contents;
+    const char* problem;
+  } cases[] = {
+      {"img_seg0.ppm", pixmap(kWidth / 2, kHeight / 2), "the segmentation is 12 x 8 but the image is 24 x 16"},
+      {"img_seg0.ppm", pixmap(kHeight, kWidth), "the segmentation is 16 x 24"},
+      {"lab.ppm", labelImage(kWidth + 1, kHeight), "the label image is 25 x 16"},
+      {"lab.ppm", labelImage(kWidth, kHeight - 1), "the label image is 24 x 15"},
+      {"lab.ppm", photograph(), "more than 256 label colours"},
+      {"lab.ppm", std::string("P6\n24 16\n255\n") + std::string(kWidth * kHeight * 3, '\xff'), "no labels"},
+  };
+  for (const auto& bad : cases) {
+    SCOPED_TRACE(bad.problem);
+    CScene scene;
+    NTest::writeFile(scene.dir.file(bad.file), bad.contents);
+    expectRejected(scene.run({"img.ppm", "1", "lab.ppm"}), scene, std::string("./") + bad.file, bad.problem);
+  }
+}
+
+TEST(Robustness, BadTrackFilesAreRejected) {
+  const struct {
+    const char* what;
+    EKind kind;
+    std::string contents;
+    const char* problem;
+  } cases[] = {
+      {"missing", EKind::Missing, "", "missing or not a plain file"},
+      {"folder", EKind::Folder, "", "missing or not a plain file"},
+      {"named pipe", EKind::Pipe, "", "missing or not a plain file"},
+      {"empty", EKind::Contents, "", "expected the header value and the track count"},
+      {"text", EKind::Contents, "tracks of frame 7\n", "expected the header value"},
+      {"word among the points", EKind::Contents, "0 1\n3 2\n2 3 7\nleft 4 7\n", "point 2 of 2"},
+      {"fewer tracks than counted", EKind::Contents, "0 3\n3 1\n2 3 7\n", "track 2 of 3: expected label"},
+      {"fewer points than counted", EKind::Contents, "0 1\n3 2000000000\n2 3 7\n", "point 2 of 2000000000"},
+      {"negative track count", EKind::Contents, "0 -1\n", "negative track count"},
+      {"point right of the image", EKind::Contents, "0 1\n3 1\n24 3 7\n", "outside the 24 by 16 image"},
+      {"point above the image", EKind::Contents, "0 1\n3 1\n2 -1 7\n", "outside the 24 by 16 image"},
+      {"negative label", EKind::Contents, "0 1\n-1 1\n2 3 7\n", "label -1 outside 0 to 255"},
+      {"label beyond 255", EKind::Contents, "0 1\n256 1\n2 3 7\n", "label 256 outside 0 to 255"},
+      {"no point in the frame", EKind::Contents, "0 1\n3 1\n2 3 6\n", "no point in frame 7"},
+  };
+  for (const auto& bad : cases) {
+    SCOPED_TRACE(bad.what);
+    CScene scene;
+    if (!plant({bad.what, bad.kind, bad.contents, bad.problem}, scene.dir.file("tracks.dat"))) continue;
+    const CRunResult result = scene.run({"img.ppm", "1", "tracks.dat", "7"});
+    expectRejected(result, scene, "tracks.dat", bad.problem);
+    const bool opened = bad.kind == EKind::Contents;
+    EXPECT_EQ(result.out.find("File not found.\n") == std::string::npos, opened) << result.out;
+  }
+}
+
+TEST(Robustness, BadArgumentsAreRejected) {
+  CScene scene;
+  NTest::writeFile(scene.dir.file("plainTarnwickResults"), "");
+  NTest::writeFile(scene.dir.file("plain"), "");
+  const struct {
+    std::vector<std::string> args;
+    const char* name;
+    const char* problem;
+  } cases[] = {
+      // Only as many segmentations are read as exist: the second is missing.
+      {{"img.ppm", "1000000000", "lab.ppm"}, "./img_seg1.ppm", "File not found: "},
+      {{"img.ppm", "99999999999", "lab.ppm"}, "argument 2", "too large"},
+      {{"img.ppm", "1", "tracks.dat", "nan"}, "argument 4", "not a number"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "nan"}, "argument 6", "not a number"},
+      {{"", "1", "lab.ppm"}, "argument 1", "no ending"},
+      {{"img.ppm", "1", ""}, "./", "is a directory"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "0", "none/deeper/"}, "none/deeper/TarnwickResults", "No such file"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "0", "plain"}, "plainTarnwickResults", "in the way"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "0", "plain/"}, "plain/TarnwickResults", "Not a directory"},
+  };
+  for (const auto& bad : cases) {
+    SCOPED_TRACE(bad.name);
+    expectRejected(scene.run(bad.args), scene, bad.name, bad.problem);
+  }
+  EXPECT_FALSE(NTest::fileExists(scene.dir.file("none")));
+}
+
+TEST(Robustness, UnwritableResultsFolderIsRejectedBeforeReading) {
+  if (geteuid() == 0) GTEST_SKIP() << "permissions do not bind the superuser";
+  CScene scene;
+  ASSERT_EQ(mkdir(scene.results().c_str(), 0555), 0);
+  const CRunResult result = scene.run({"img.ppm", "1", "lab.ppm"});
+  expectRejected(result, scene, "TarnwickResults", "not writable");
+  EXPECT_EQ(result.out.find("load input file"), std::string::npos);
+}
+
+TEST(Robustness, DocumentedConversionsAreAccepted) {
+  const struct {
+    const char* what;
+    const char* file;
+    std::string contents;
+    std::vector<std::string> args;
+  } cases[] = {
+      {"grey image", "img.ppm", pixmap(kWidth, kHeight, "P5"), {"img.ppm", "1", "lab.ppm"}},
+      {"grey segmentation", "img_seg0.ppm", pixmap(kWidth, kHeight, "P5"), {"img.ppm", "1", "lab.ppm"}},
+      {"track label 255", "tracks.dat", "0 1\n255 1\n23.9 15.9 7\n", {"img.ppm", "1", "tracks.dat", "7"}},
+  };
+  for (const auto& good : cases) {
+    SCOPED_TRACE(good.what);
+    CScene scene;
+    NTest::writeFile(scene.dir.file(good.file), good.contents);
+    const CRunResult result = scene.run(good.args);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(NTest::listDir(scene.results()),
+              (std::vector<std::string>{"img_dense.ppm", "img_dense_soft.ppm", "img_initialLabels.ppm"}));
+  }
+}
