@@ -262,6 +262,7 @@ double labellingAccuracy(const std::string& aTool, const std::string& aFolder, c
   } catch (...) {
     return -1;
   }
+  if (dense.xSize() != aScene.truth.xSize() || dense.ySize() != aScene.truth.ySize() || dense.zSize() != 3) return -1;
   long right = 0;
   for (int y = 0; y < dense.ySize(); y++)
     for (int x = 0; x < dense.xSize(); x++) {

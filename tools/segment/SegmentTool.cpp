@@ -35,7 +35,9 @@ const char* const kUsage =
     "                         the finest, pixels/3000 for the coarsest level and\n"
     "                         geometric steps between (640x480, K = 3: 1536,397,102)\n"
     "  -h, --help             show this text and exit\n"
-    "      --version          show the version and exit\n";
+    "      --version          show the version and exit\n"
+    "\n"
+    "Exit status: 0 done, 1 a file could not be read or written, 2 bad arguments.\n";
 
 bool isInteger(const std::string& aText) {
   size_t start = aText.size() > 1 && aText[0] == '-' ? 1 : 0;
@@ -108,7 +110,7 @@ void run(const COptions& aOptions) {
   for (size_t k = 0; k < levels.size(); k++) {
     const int regions = levels[k].size() > 0 ? *std::max_element(levels[k].data(), levels[k].data() + levels[k].size()) + 1 : 0;
     NSegment::paintRegions(image, levels[k]).writeToPPM(names[k].c_str());
-    std::cout << names[k] << ": " << regions << " regions" << std::endl;
+    std::cout << names[k] << ": " << regions << (regions == 1 ? " region" : " regions") << std::endl;
   }
 }
 
