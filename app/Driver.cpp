@@ -240,7 +240,7 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
     checkLabelCount(inputTracks, labelName, "no labels (every pixel is white)");
   } else {
     if (!CUtility::readTracks(mTrackFile.c_str(), aSettings.frameNo, inputTracks))
-      throw fail(mTrackFile + ": the track file is missing or not a plain file");
+      throw fail(mTrackFile + ": the track file cannot be opened (missing, unreadable or not a plain file)");
     checkLabelCount(inputTracks, mTrackFile, "no point in frame " + std::to_string(aSettings.frameNo));
   }
   mLabNo = CUtility::color2labelFunction(aIn.aLabels, inputTracks, aIn.mapLabelToColor);

@@ -21,10 +21,14 @@ using NTest::CScratchDir;
 constexpr int kWidth = 24;
 constexpr int kHeight = 16;
 
-std::string pixmap(int aWidth, int aHeight, const std::string& aMagic = "P6", int aMaxval = 255) {
+std::string header(int aWidth, int aHeight, const std::string& aMagic = "P6", int aMaxval = 255) {
+  return aMagic + "\n" + std::to_string(aWidth) + " " + std::to_string(aHeight) + "\n" + std::to_string(aMaxval) + "\n";
+}
+
+// A pixmap of one uniform sample value.
+std::string pixmap(int aWidth, int aHeight, const std::string& aMagic = "P6", int aMaxval = 255, char aSample = 96) {
   const size_t samples = static_cast<size_t>(aWidth) * aHeight * (aMagic == "P5" ? 1 : 3);
-  return aMagic + "\n" + std::to_string(aWidth) + " " + std::to_string(aHeight) + "\n" + std::to_string(aMaxval) +
-         "\n" + std::string(samples, '\x60');
+  return header(aWidth, aHeight, aMagic, aMaxval) + std::string(samples, aSample);
 }
 
 // Scribbles on white: one black and one red pixel.
@@ -39,7 +43,7 @@ std::string labelImage(int aWidth = kWidth, int aHeight = kHeight) {
 
 // A label image that looks like a photograph: every pixel a colour of its own.
 std::string photograph() {
-  std::string image = "P6\n24 16\n255\n";
+  std::string image = header(kWidth, kHeight);
   for (int i = 0; i < kWidth * kHeight; i++) image += {static_cast<char>(i), static_cast<char>(i / 3), '\x01'};
   return image;
 }
@@ -144,7 +148,7 @@ TEST(Robustness, InputsThatDoNotFitTheImageAreRejected) {
       {"lab.ppm", labelImage(kWidth + 1, kHeight), "the label image is 25 x 16"},
       {"lab.ppm", labelImage(kWidth, kHeight - 1), "the label image is 24 x 15"},
       {"lab.ppm", photograph(), "more than 256 label colours"},
-      {"lab.ppm", std::string("P6\n24 16\n255\n") + std::string(kWidth * kHeight * 3, '\xff'), "no labels"},
+      {"lab.ppm", pixmap(kWidth, kHeight, "P6", 255, '\xff'), "no labels"},
   };
   for (const auto& bad : cases) {
     SCOPED_TRACE(bad.problem);
@@ -155,15 +159,11 @@ TEST(Robustness, InputsThatDoNotFitTheImageAreRejected) {
 }
 
 TEST(Robustness, BadTrackFilesAreRejected) {
-  const struct {
-    const char* what;
-    EKind kind;
-    std::string contents;
-    const char* problem;
-  } cases[] = {
-      {"missing", EKind::Missing, "", "missing or not a plain file"},
-      {"folder", EKind::Folder, "", "missing or not a plain file"},
-      {"named pipe", EKind::Pipe, "", "missing or not a plain file"},
+  const CBadFile cases[] = {
+      {"missing", EKind::Missing, "", "cannot be opened"},
+      {"folder", EKind::Folder, "", "cannot be opened"},
+      {"named pipe", EKind::Pipe, "", "cannot be opened"},
+      {"unreadable", EKind::Unreadable, "0 1\n3 1\n2 3 7\n", "cannot be opened"},
       {"empty", EKind::Contents, "", "expected the header value and the track count"},
       {"text", EKind::Contents, "tracks of frame 7\n", "expected the header value"},
       {"word among the points", EKind::Contents, "0 1\n3 2\n2 3 7\nleft 4 7\n", "point 2 of 2"},
@@ -179,7 +179,7 @@ TEST(Robustness, BadTrackFilesAreRejected) {
   for (const auto& bad : cases) {
     SCOPED_TRACE(bad.what);
     CScene scene;
-    if (!plant({bad.what, bad.kind, bad.contents, bad.problem}, scene.dir.file("tracks.dat"))) continue;
+    if (!plant(bad, scene.dir.file("tracks.dat"))) continue;
     const CRunResult result = scene.run({"img.ppm", "1", "tracks.dat", "7"});
     expectRejected(result, scene, "tracks.dat", bad.problem);
     const bool opened = bad.kind == EKind::Contents;
@@ -196,7 +196,7 @@ TEST(Robustness, BadArgumentsAreRejected) {
     const char* name;
     const char* problem;
   } cases[] = {
-      // Only as many segmentations are read as exist: the second is missing.
+      // Segmentations are read one by one: a huge count fails at the first missing one.
       {{"img.ppm", "1000000000", "lab.ppm"}, "./img_seg1.ppm", "File not found: "},
       {{"img.ppm", "99999999999", "lab.ppm"}, "argument 2", "too large"},
       {{"img.ppm", "1", "tracks.dat", "nan"}, "argument 4", "not a number"},
@@ -232,6 +232,7 @@ TEST(Robustness, DocumentedConversionsAreAccepted) {
   } cases[] = {
       {"grey image", "img.ppm", pixmap(kWidth, kHeight, "P5"), {"img.ppm", "1", "lab.ppm"}},
       {"grey segmentation", "img_seg0.ppm", pixmap(kWidth, kHeight, "P5"), {"img.ppm", "1", "lab.ppm"}},
+      {"grey label image", "lab.ppm", pixmap(kWidth, kHeight, "P5"), {"img.ppm", "1", "lab.ppm"}},
       {"track label 255", "tracks.dat", "0 1\n255 1\n23.9 15.9 7\n", {"img.ppm", "1", "tracks.dat", "7"}},
   };
   for (const auto& good : cases) {
