@@ -90,8 +90,8 @@ double CRegionGraph::mergeCost(const CEdge& aEdge) const {
   auto inner = [](const CRegion& r) { return r.texturePairs > 0 ? r.texture / r.texturePairs : 0.0; };
   const double texture = inner(a) - inner(b);
   const double boundary = aEdge.strength / aEdge.length;
+  // One colour unit in the denominator keeps the ratio finite for flat regions.
   const double contrast = boundary / (0.5 * (inner(a) + inner(b)) + 1.0);
-  // Ward's criterion: the growth of the summed squared colour deviation.
   const double ward = static_cast<double>(a.size) * b.size / (a.size + b.size);
   return ward * (colourDistance2(aEdge.a, aEdge.b) + kTextureWeight * texture * texture) *
          (1.0 + kBoundaryWeight * contrast);

@@ -21,8 +21,10 @@ public:
   // the neighbour of closest mean colour.
   void absorbSmall(int aMinSize);
 
-  // Merges the cheapest touching pair (see mergeCost) until at most aCount
-  // regions are left or no two regions touch.
+  // Merges the cheapest touching pair until at most aCount regions are left
+  // or no two regions touch. The cost is Ward's criterion (growth of the
+  // summed squared deviation) on mean colour and inner texture, raised where
+  // the colour steps across the boundary exceed those inside the regions.
   void mergeDownTo(int aCount);
 
   // Current regions as a label map, numbered in the scan order of their first pixel.
