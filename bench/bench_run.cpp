@@ -31,7 +31,6 @@
 #include <iostream>
 #include <iterator>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -68,7 +67,7 @@ double secondsSince(std::chrono::steady_clock::time_point aStart) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - aStart).count();
 }
 
-// ---- Scene ------------------------------------------------------------------
+// Scene
 
 // Deterministic pseudo-random numbers, independent of the standard library.
 class CRandom {
@@ -312,7 +311,7 @@ void writeInputs(const CScene& aScene, const std::vector<CStroke>& aStrokes, con
   std::cout << ", " << kLabels << " labels, " << std::fixed << std::setprecision(1) << secondsSince(start) << " s" << std::endl;
 }
 
-// ---- Child processes ----------------------------------------------------------
+// Child processes
 
 struct CChildReport {
   int status = -1;
@@ -439,7 +438,7 @@ bool sameResults(const std::string& aFolder, const std::string& aPrefixA, const 
   return true;
 }
 
-// ---- Benchmark ------------------------------------------------------------------
+// Benchmark
 
 struct COptions {
   bool quick = false;
@@ -458,7 +457,7 @@ std::vector<CCase> casesFor(const COptions& aOptions) {
 }
 
 void printHeader() {
-  std::cout << "\nsize       path        thr  wall[s]  peak[MB]  level 1/8   1/4    1/2      1  solve[s]  Mupd/s"
+  std::cout << "\nsize       path        thr  wall[s]  peak[MB] level 1/8   1/4    1/2      1  solve[s]  Mupd/s"
                "  x fast  same\n";
 }
 
