@@ -149,8 +149,7 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<f
   mConstY.assign(gy.data(), gy.data() + n);
   mVarX.assign(n, 0.0f);
   mVarY.assign(n, 0.0f);
-  mGX.assign(n, 0.0f);
-  mGY.assign(n, 0.0f);
+  mPixelWeights.assign(static_cast<size_t>(n) * 4, 0.0f);
 }
 
 void CFlatHierarchy::pixelNeighbours(int aPixel, std::vector<int>& aOut) const {
@@ -428,18 +427,19 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
   for (int y = rows.begin; y < rows.end; y++)
     for (int x = 0; x < width; x++) {
       const int i = y * width + x;
-      mGX[i] = gX(i);
-      mGY[i] = gY(i);
+      float* weights = &mPixelWeights[static_cast<size_t>(i) * 4];
+      weights[0] = gX(i);
+      weights[1] = gY(i);
+      weights[2] = pixels.parentConst[i] * pixels.parentVar[i];
       float sum = 0.0f;
       if (y > 0) sum = sum + gY(i - width);
       if (x > 0) sum = sum + gX(i - 1);
-      if (y < height - 1) sum = sum + mGY[i];
-      if (x < width - 1) sum = sum + mGX[i];
-      pixels.parentG[i] = pixels.parentConst[i] * pixels.parentVar[i];
-      sum = sum + pixels.parentG[i];
+      if (y < height - 1) sum = sum + weights[1];
+      if (x < width - 1) sum = sum + weights[0];
+      sum = sum + weights[2];
       const float md = aAlpha * mWeight[i] * mConf[i] + oneMinusAlpha * sum;
       pixels.md[i] = md;
-      pixels.omegaOverMd[i] = aOmega / md;
+      weights[3] = aOmega / md;
       zero = zero || md == 0.0f;
     }
   mZeroWeightSum[aThread] = zero;
@@ -472,13 +472,10 @@ struct CPixelSweep {
   int width;
   float* u;                  // degrees of the chunk, four lanes per pixel
   const float* rhs;
-  const float* gx;
-  const float* gy;
-  const float* parentG;
+  const float* weights;      // per pixel: right edge, lower edge, parent edge, omega / md
   const int* parent;
   const float* parentValues;
   const float* md;
-  const float* omegaOverMd;
   __m128 oneMinusAlpha;
   __m128 oneMinusOmega;
 };
@@ -491,15 +488,17 @@ inline __m128 edge(__m128 aOut, float aWeight, const float* aValues) {
 template <bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent, bool kCheck>
 __attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, int i) {
   float* u = s.u;
+  const __m128 own = _mm_loadu_ps(s.weights + 4 * i);
   __m128 out = _mm_setzero_ps();
-  if (kUp) out = edge(out, s.gy[i - s.width], u + 4 * (i - s.width));
-  if (kLeft) out = edge(out, s.gx[i - 1], u + 4 * (i - 1));
-  if (kDown) out = edge(out, s.gy[i], u + 4 * (i + s.width));
-  if (kRight) out = edge(out, s.gx[i], u + 4 * (i + 1));
-  if (kParent) out = edge(out, s.parentG[i], s.parentValues + 4 * s.parent[i]);
+  if (kUp) out = edge(out, s.weights[4 * (i - s.width) + 1], u + 4 * (i - s.width));
+  if (kLeft) out = edge(out, s.weights[4 * (i - 1)], u + 4 * (i - 1));
+  if (kDown) out = _mm_sub_ps(out, _mm_mul_ps(_mm_shuffle_ps(own, own, 0x55), _mm_loadu_ps(u + 4 * (i + s.width))));
+  if (kRight) out = _mm_sub_ps(out, _mm_mul_ps(_mm_shuffle_ps(own, own, 0x00), _mm_loadu_ps(u + 4 * (i + 1))));
+  if (kParent)
+    out = _mm_sub_ps(out, _mm_mul_ps(_mm_shuffle_ps(own, own, 0xaa), _mm_loadu_ps(s.parentValues + 4 * s.parent[i])));
   if (kCheck && s.md[i] == 0.0f) return;
   out = _mm_mul_ps(s.oneMinusAlpha, out);
-  const __m128 step = _mm_mul_ps(_mm_set1_ps(s.omegaOverMd[i]), _mm_sub_ps(_mm_loadu_ps(s.rhs + 4 * i), out));
+  const __m128 step = _mm_mul_ps(_mm_shuffle_ps(own, own, 0xff), _mm_sub_ps(_mm_loadu_ps(s.rhs + 4 * i), out));
   _mm_storeu_ps(u + 4 * i, clampUnit(_mm_add_ps(_mm_mul_ps(s.oneMinusOmega, _mm_loadu_ps(u + 4 * i)), step)));
 }
 
@@ -568,13 +567,10 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
   const CPixelSweep sweep{mXSize,
                           chunk(pixels, aChunk),
                           mRhs.data() + static_cast<size_t>(aChunk) * pixels.nodes * 4,
-                          mGX.data(),
-                          mGY.data(),
-                          pixels.parentG.data(),
+                          mPixelWeights.data(),
                           pixels.parent.data(),
                           hasParent ? chunk(mLayers[1], aChunk) : nullptr,
                           pixels.md.data(),
-                          pixels.omegaOverMd.data(),
                           _mm_set1_ps(1.0f - aAlpha),
                           _mm_set1_ps(1.0f - aOmega)};
   const bool check = anyZeroWeightSum(0);

@@ -44,14 +44,14 @@ private:
     std::vector<int> parent;           // node in the layer above, -1 in the top layer
     std::vector<float> parentConst;    // constant weight of the edge to the parent
     std::vector<float> parentVar;      // value-dependent weight of that edge
-    std::vector<float> parentG;        // their product
+    std::vector<float> parentG;        // their product (coarser layers)
     std::vector<int> childStart, child;       // children in the layer below
     std::vector<float> childConst, childG;    // per child edge, parent side
     std::vector<int> nbrStart, nbr;           // neighbours (coarser layers only)
     std::vector<float> nbrDist, nbrConst, nbrVar, nbrG;
     std::vector<int> nbrFirst;                // first entry of the same node in the list
     std::vector<float> md;             // weight sum (pixels: with the data term)
-    std::vector<float> omegaOverMd;
+    std::vector<float> omegaOverMd;    // (coarser layers)
     std::vector<float> values;         // [chunk][node][lane]
     std::vector<size_t> labelOffset;   // of label k in values for node 0
   };
@@ -91,7 +91,10 @@ private:
   float mDistRelaxation = 0.0f;
   std::vector<CLayer> mLayers;
   // Pixel edges: X(i) to the right neighbour, Y(i) to the one below.
-  std::vector<float> mConstX, mConstY, mVarX, mVarY, mGX, mGY;
+  std::vector<float> mConstX, mConstY, mVarX, mVarY;
+  // What a pixel update reads of its own, four floats per pixel: the weight
+  // products of the edges to the right, below and to the parent, and omega / md.
+  std::vector<float> mPixelWeights;
   // Per pixel and solve: data-term flag and weight, and rhs per label chunk.
   std::vector<float> mConf, mWeight, mRhs;
 };
