@@ -314,30 +314,28 @@ void segmentationPhase() {
   }
 }
 
-// The labelling tool takes far longer than the segmentation, so this phase
-// runs on the smaller scenes only.
 void labellingPhase(const std::string& aTool) {
-  const int width = 320;
-  const int height = 240;
   const std::string scratch = std::filesystem::temp_directory_path().string() + "/bench_segment";
-  std::cout << "\nPhase 2: accuracy of the labelling tool, " << width << "x" << height
-            << ", scribbles from the ground truth\nscene  hierarchy  grid\n";
-  double meanSegments = 0;
-  double meanGrid = 0;
-  for (int seed = 1; seed <= kScenesPerSize; seed++) {
-    const CScene scene = makeScene(width, height, seed);
-    const std::vector<int> counts = NSegment::defaultRegionCounts(width * height, kLevels);
-    const CTensor<float> marks = scribbles(scene, seed);
-    const std::string folder = scratch + "/" + std::to_string(seed);
-    writeHierarchy(folder + "/segments", scene, NSegment::segment(scene.image, counts), marks);
-    writeHierarchy(folder + "/grid", scene, gridHierarchy(width, height, counts), marks);
-    const double segments = labellingAccuracy(aTool, folder + "/segments", scene);
-    const double grid = labellingAccuracy(aTool, folder + "/grid", scene);
-    meanSegments += segments / kScenesPerSize;
-    meanGrid += grid / kScenesPerSize;
-    std::cout << seed << "      " << segments << "     " << grid << std::endl;
+  std::cout << "\nPhase 2: accuracy of the labelling tool with scribbles from the ground truth\n"
+            << "size     scene  hierarchy  grid\n";
+  for (const std::array<int, 2> size : {std::array<int, 2>{320, 240}, std::array<int, 2>{640, 480}}) {
+    double meanSegments = 0;
+    double meanGrid = 0;
+    for (int seed = 1; seed <= kScenesPerSize; seed++) {
+      const CScene scene = makeScene(size[0], size[1], seed);
+      const std::vector<int> counts = NSegment::defaultRegionCounts(size[0] * size[1], kLevels);
+      const CTensor<float> marks = scribbles(scene, seed);
+      const std::string folder = scratch + "/" + std::to_string(size[0]) + "_" + std::to_string(seed);
+      writeHierarchy(folder + "/segments", scene, NSegment::segment(scene.image, counts), marks);
+      writeHierarchy(folder + "/grid", scene, gridHierarchy(size[0], size[1], counts), marks);
+      const double segments = labellingAccuracy(aTool, folder + "/segments", scene);
+      const double grid = labellingAccuracy(aTool, folder + "/grid", scene);
+      meanSegments += segments / kScenesPerSize;
+      meanGrid += grid / kScenesPerSize;
+      std::cout << size[0] << "x" << size[1] << "  " << seed << "      " << segments << "     " << grid << std::endl;
+    }
+    std::cout << size[0] << "x" << size[1] << "  mean   " << meanSegments << "     " << meanGrid << "\n";
   }
-  std::cout << "mean   " << meanSegments << "     " << meanGrid << "\n";
   std::filesystem::remove_all(scratch);
 }
 
