@@ -59,6 +59,16 @@ CRunResult run(const std::string& aProgram, const std::vector<std::string>& aArg
   return result;
 }
 
+CMatrix<float> matrix(int aXSize, int aYSize, const std::vector<float>& aValues) {
+  CMatrix<float> m(aXSize, aYSize);
+  for (int i = 0; i < m.size(); i++) m.data()[i] = aValues[static_cast<size_t>(i)];
+  return m;
+}
+
+std::vector<float> values(const CMatrix<float>& aMatrix) {
+  return std::vector<float>(aMatrix.data(), aMatrix.data() + aMatrix.size());
+}
+
 std::string readFile(const std::string& aPath) {
   std::ifstream file(aPath, std::ios::binary);
   std::ostringstream contents;

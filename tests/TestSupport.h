@@ -35,6 +35,10 @@ struct CRunResult {
 CRunResult run(const std::string& aProgram, const std::vector<std::string>& aArgs,
                const std::string& aWorkDir = ".", const std::vector<std::string>& aEnv = {});
 
+// A matrix of the given extents filled row by row from aValues, and back.
+CMatrix<float> matrix(int aXSize, int aYSize, const std::vector<float>& aValues);
+std::vector<float> values(const CMatrix<float>& aMatrix);
+
 std::string readFile(const std::string& aPath);
 void writeFile(const std::string& aPath, const std::string& aContents);
 bool fileExists(const std::string& aPath);

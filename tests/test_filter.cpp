@@ -5,18 +5,12 @@
 
 #include "CFilter.h"
 #include "CMatrix.h"
+#include "TestSupport.h"
 
 namespace {
 
-CMatrix<float> matrix(int aXSize, int aYSize, const std::vector<float>& aValues) {
-  CMatrix<float> m(aXSize, aYSize);
-  for (int i = 0; i < m.size(); i++) m.data()[i] = aValues[static_cast<size_t>(i)];
-  return m;
-}
-
-std::vector<float> values(const CMatrix<float>& aMatrix) {
-  return std::vector<float>(aMatrix.data(), aMatrix.data() + aMatrix.size());
-}
+using NTest::matrix;
+using NTest::values;
 
 CMatrix<float> alongX(const CMatrix<float>& aMatrix, const CFilter<float>& aFilter) {
   CMatrix<float> result(aMatrix.xSize(), aMatrix.ySize(), 123.0f);

@@ -3,19 +3,13 @@
 #include <vector>
 
 #include "CMatrix.h"
+#include "TestSupport.h"
 #include "CTensor.h"
 
 namespace {
 
-CMatrix<float> matrix(int aXSize, int aYSize, const std::vector<float>& aValues) {
-  CMatrix<float> m(aXSize, aYSize);
-  for (int i = 0; i < m.size(); i++) m.data()[i] = aValues[static_cast<size_t>(i)];
-  return m;
-}
-
-std::vector<float> values(const CMatrix<float>& aMatrix) {
-  return std::vector<float>(aMatrix.data(), aMatrix.data() + aMatrix.size());
-}
+using NTest::matrix;
+using NTest::values;
 
 void expectNear(const CMatrix<float>& aActual, int aXSize, int aYSize, const std::vector<float>& aExpected) {
   ASSERT_EQ(aActual.xSize(), aXSize);
