@@ -218,14 +218,14 @@ TEST(SegmentPaint, ManyRegionsOfOneColourStayDistinct) {
 }
 
 TEST(SegmentDefaults, RegionCountsFallGeometrically) {
-  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 3), (std::vector<int>{1024, 324, 102}));
-  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 1), (std::vector<int>{1024}));
-  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 2), (std::vector<int>{1024, 102}));
+  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 3), (std::vector<int>{614, 251, 102}));
+  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 1), (std::vector<int>{614}));
+  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 2), (std::vector<int>{614, 102}));
   EXPECT_EQ(NSegment::defaultRegionCounts(10, 3), (std::vector<int>{1, 1, 1}));
   EXPECT_TRUE(NSegment::defaultRegionCounts(100, 0).empty());
   const std::vector<int> many = NSegment::defaultRegionCounts(1000000, 10);
   EXPECT_TRUE(std::is_sorted(many.rbegin(), many.rend()));
-  EXPECT_EQ(many.front(), 3333);
+  EXPECT_EQ(many.front(), 2000);
   EXPECT_EQ(many.back(), 333);
 }
 

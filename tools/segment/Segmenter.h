@@ -8,9 +8,9 @@
 
 namespace NSegment {
 
-// Default region counts for aLevels levels, fine to coarse: aPixels / 300 for
+// Default region counts for aLevels levels, fine to coarse: aPixels / 500 for
 // the finest, aPixels / 3000 for the coarsest and geometric steps between
-// (one level: aPixels / 300); never below 1.
+// (one level: aPixels / 500); never below 1.
 std::vector<int> defaultRegionCounts(int aPixels, int aLevels);
 
 // Label maps, fine to coarse, of at most aCounts[k] regions each (exactly as
