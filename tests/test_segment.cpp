@@ -51,6 +51,13 @@ CMatrix<int> colourLabels(const CTensor<float>& aPainted) {
   return labels;
 }
 
+// A row of aCount pixels, each a region of its own.
+CMatrix<int> ownRegions(int aCount) {
+  CMatrix<int> labels(aCount, 1);
+  for (int x = 0; x < aCount; x++) labels(x, 0) = x;
+  return labels;
+}
+
 bool nested(const CMatrix<int>& aFine, const CMatrix<int>& aCoarse) {
   std::map<int, int> parent;
   for (int i = 0; i < aFine.size(); i++)
@@ -70,6 +77,18 @@ CTensor<float> readPixmap(const std::string& aPath) {
   return image;
 }
 
+// A one-row region graph: pixel x belongs to region aPiece[x] and has lightness aLight[x].
+CRegionGraph rowGraph(const std::vector<int>& aPiece, const std::vector<float>& aLight) {
+  const int n = static_cast<int>(aPiece.size());
+  CTensor<float> lab(n, 1, 3, 0.0f);
+  CMatrix<int> regions(n, 1);
+  for (int x = 0; x < n; x++) {
+    regions(x, 0) = aPiece[static_cast<size_t>(x)];
+    lab(x, 0, 0) = aLight[static_cast<size_t>(x)];
+  }
+  return CRegionGraph(lab, regions, aPiece.back() + 1);
+}
+
 NTest::CRunResult segmentTool(const std::vector<std::string>& aArgs, const std::string& aWorkDir = ".",
                               const std::vector<std::string>& aEnv = {}) {
   return NTest::run(TARNWICK_SEGMENT_EXE, aArgs, aWorkDir, aEnv);
@@ -77,31 +96,13 @@ NTest::CRunResult segmentTool(const std::vector<std::string>& aArgs, const std::
 
 }  // namespace
 
-TEST(SegmentHierarchy, LevelsAreNestedConnectedAndOfTheRequestedSize) {
-  const CTensor<float> image = scene(160, 120);
-  const std::vector<int> counts = {96, 24, 6};
-  const std::vector<CMatrix<int>> levels = NSegment::segment(image, counts);
-  ASSERT_EQ(levels.size(), counts.size());
-  for (size_t k = 0; k < levels.size(); k++) {
-    SCOPED_TRACE(k);
-    EXPECT_EQ(levels[k].xSize(), 160);
-    EXPECT_EQ(levels[k].ySize(), 120);
-    EXPECT_EQ(regionCount(levels[k]), counts[k]);
-    EXPECT_TRUE(connected(levels[k]));
-    if (k > 0) {
-      EXPECT_TRUE(nested(levels[k - 1], levels[k]));
-    }
-  }
-}
-
 TEST(SegmentHierarchy, CoarseRegionsFollowStrongEdges) {
   // Two noisy halves: two regions must be exactly the halves, and no
   // finer region may straddle the edge.
-  CTensor<float> image = scene(64, 48);
+  CTensor<float> image(64, 48, 3, 90.0f);
   for (int y = 0; y < 48; y++)
     for (int x = 0; x < 64; x++) {
       image(x, y, 0) = x < 40 ? 200.0f + (x * 7 + y * 3) % 11 : 40.0f + (x * 5 + y) % 13;
-      image(x, y, 1) = 90.0f;
       image(x, y, 2) = x < 40 ? 60.0f : 180.0f;
     }
   const std::vector<CMatrix<int>> levels = NSegment::segment(image, {30, 8, 2});
@@ -112,8 +113,6 @@ TEST(SegmentHierarchy, CoarseRegionsFollowStrongEdges) {
 }
 
 TEST(SegmentHierarchy, DegenerateImagesAndCounts) {
-  // A single pixel, a single row, a flat image, more regions than pixels and
-  // a count that grows from one level to the next.
   EXPECT_EQ(regionCount(NSegment::segment(CTensor<float>(1, 1, 3, 7.0f), {5, 2})[1]), 1);
   const std::vector<CMatrix<int>> row = NSegment::segment(scene(50, 1), {10, 3});
   EXPECT_EQ(regionCount(row[0]), 10);
@@ -122,57 +121,31 @@ TEST(SegmentHierarchy, DegenerateImagesAndCounts) {
   const std::vector<CMatrix<int>> flat = NSegment::segment(CTensor<float>(40, 30, 3, 100.0f), {12, 4});
   EXPECT_EQ(regionCount(flat[0]), 12);
   EXPECT_TRUE(connected(flat[0]) && connected(flat[1]) && nested(flat[0], flat[1]));
+  // More regions than pixels, then a count that grows from one level to the next.
   const std::vector<CMatrix<int>> tiny = NSegment::segment(scene(4, 3), {50, 20});
   EXPECT_LE(regionCount(tiny[0]), 12);
   EXPECT_TRUE(connected(tiny[0]));
-  const std::vector<CMatrix<int>> growing = NSegment::segment(scene(40, 30), {5, 9});
-  EXPECT_EQ(regionCount(growing[1]), 5);
+  EXPECT_EQ(regionCount(NSegment::segment(scene(40, 30), {5, 9})[1]), 5);
   EXPECT_TRUE(NSegment::segment(scene(8, 8), {}).empty());
 }
 
-TEST(SegmentHierarchy, SameInputGivesTheSameOutput) {
-  const CTensor<float> image = scene(96, 72);
-  const std::vector<CMatrix<int>> a = NSegment::segment(image, {40, 10});
-  const std::vector<CMatrix<int>> b = NSegment::segment(image, {40, 10});
-  for (size_t k = 0; k < a.size(); k++)
-    EXPECT_TRUE(std::equal(a[k].data(), a[k].data() + a[k].size(), b[k].data()));
-}
-
-TEST(SegmentRegionGraph, MergesMostSimilarNeighboursFirst) {
+TEST(SegmentRegionGraph, MergesMostSimilarNeighboursFirstAndAbsorbsIntoTheClosest) {
   // Four stripes: 0 and 1 alike, 2 and 3 alike, 1 and 2 very different.
-  CTensor<float> lab(8, 2, 3, 0.0f);
-  CMatrix<int> regions(8, 2);
-  const float shade[4] = {10, 12, 80, 83};
-  for (int y = 0; y < 2; y++)
-    for (int x = 0; x < 8; x++) {
-      regions(x, y) = x / 2;
-      lab(x, y, 0) = shade[x / 2];
-    }
-  CRegionGraph graph(lab, regions, 4);
-  graph.mergeDownTo(2);
-  const CMatrix<int> two = graph.labels();
-  EXPECT_EQ(graph.count(), 2);
-  EXPECT_EQ(two(0, 0), two(3, 1));
-  EXPECT_EQ(two(4, 0), two(7, 1));
+  CRegionGraph stripes = rowGraph({0, 0, 1, 1, 2, 2, 3, 3}, {10, 10, 12, 12, 80, 80, 83, 83});
+  stripes.mergeDownTo(2);
+  const CMatrix<int> two = stripes.labels();
+  EXPECT_EQ(stripes.count(), 2);
+  EXPECT_EQ(two(0, 0), two(3, 0));
+  EXPECT_EQ(two(4, 0), two(7, 0));
   EXPECT_NE(two(3, 0), two(4, 0));
-  graph.mergeDownTo(1);
-  EXPECT_EQ(regionCount(graph.labels()), 1);
-}
+  stripes.mergeDownTo(1);
+  EXPECT_EQ(regionCount(stripes.labels()), 1);
 
-TEST(SegmentRegionGraph, AbsorbsSmallPiecesIntoTheClosestNeighbour) {
   // A one-pixel piece between a dark and a bright piece joins the bright one.
-  CTensor<float> lab(5, 1, 3, 0.0f);
-  CMatrix<int> regions(5, 1);
-  const int piece[5] = {0, 0, 1, 2, 2};
-  const float light[5] = {10, 10, 70, 60, 60};
-  for (int x = 0; x < 5; x++) {
-    regions(x, 0) = piece[x];
-    lab(x, 0, 0) = light[x];
-  }
-  CRegionGraph graph(lab, regions, 3);
-  graph.absorbSmall(2);
-  const CMatrix<int> labels = graph.labels();
-  EXPECT_EQ(graph.count(), 2);
+  CRegionGraph pieces = rowGraph({0, 0, 1, 2, 2}, {10, 10, 70, 60, 60});
+  pieces.absorbSmall(2);
+  const CMatrix<int> labels = pieces.labels();
+  EXPECT_EQ(pieces.count(), 2);
   EXPECT_EQ(labels(2, 0), labels(3, 0));
   EXPECT_NE(labels(1, 0), labels(2, 0));
 }
@@ -180,49 +153,29 @@ TEST(SegmentRegionGraph, AbsorbsSmallPiecesIntoTheClosestNeighbour) {
 TEST(SegmentPaint, EveryRegionGetsItsOwnColourNearItsMean) {
   // Regions 0 and 1 share the mean colour (10, 20, 30); region 2 is black in a
   // corner of the colour cube; region 3 has a fractional mean.
-  CTensor<float> image(4, 1, 3, 0.0f);
-  CMatrix<int> labels(4, 1);
-  for (int x = 0; x < 4; x++) labels(x, 0) = x;
-  for (int x = 0; x < 2; x++) {
-    image(x, 0, 0) = 10;
-    image(x, 0, 1) = 20;
-    image(x, 0, 2) = 30;
-  }
-  image(3, 0, 0) = 100.4f;
-  image(3, 0, 1) = 100.6f;
-  image(3, 0, 2) = 255.0f;
-  const CTensor<float> painted = NSegment::paintRegions(image, labels);
+  CTensor<float> image(4, 1, 3);
+  const float channels[3][4] = {{10, 10, 0, 100.4f}, {20, 20, 0, 100.6f}, {30, 30, 0, 255}};
+  for (int c = 0; c < 3; c++)
+    for (int x = 0; x < 4; x++) image(x, 0, c) = channels[c][x];
+  const CTensor<float> painted = NSegment::paintRegions(image, ownRegions(4));
   auto colour = [&](int x) { return std::array<float, 3>{painted(x, 0, 0), painted(x, 0, 1), painted(x, 0, 2)}; };
   EXPECT_EQ(colour(0), (std::array<float, 3>{10, 20, 30}));
   const std::array<float, 3> nudged = colour(1);
   EXPECT_FLOAT_EQ(std::abs(nudged[0] - 10) + std::abs(nudged[1] - 20) + std::abs(nudged[2] - 30), 1.0f);
   EXPECT_EQ(colour(2), (std::array<float, 3>{0, 0, 0}));
   EXPECT_EQ(colour(3), (std::array<float, 3>{100, 101, 255}));
-}
 
-TEST(SegmentPaint, ManyRegionsOfOneColourStayDistinct) {
-  // 3000 single-pixel regions, all black: the nearest free colours fill the
-  // corner of the colour cube without any repeat.
+  // 3000 black single-pixel regions fill the corner of the cube without a repeat.
   const int n = 3000;
-  CMatrix<int> labels(n, 1);
-  for (int x = 0; x < n; x++) labels(x, 0) = x;
-  const CTensor<float> painted = NSegment::paintRegions(CTensor<float>(n, 1, 3, 0.0f), labels);
-  std::set<std::array<float, 3>> colours;
-  float farthest = 0;
-  for (int x = 0; x < n; x++) {
-    colours.insert({painted(x, 0, 0), painted(x, 0, 1), painted(x, 0, 2)});
-    farthest = std::max({farthest, painted(x, 0, 0), painted(x, 0, 1), painted(x, 0, 2)});
-  }
-  EXPECT_EQ(colours.size(), static_cast<size_t>(n));
-  EXPECT_LE(farthest, 25.0f);
+  const CTensor<float> many = NSegment::paintRegions(CTensor<float>(n, 1, 3, 0.0f), ownRegions(n));
+  EXPECT_EQ(regionCount(colourLabels(many)), n);
+  EXPECT_LE(*std::max_element(many.data(), many.data() + many.size()), 25.0f);
 }
 
 TEST(SegmentDefaults, RegionCountsFallGeometrically) {
   EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 3), (std::vector<int>{614, 251, 102}));
   EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 1), (std::vector<int>{614}));
-  EXPECT_EQ(NSegment::defaultRegionCounts(640 * 480, 2), (std::vector<int>{614, 102}));
   EXPECT_EQ(NSegment::defaultRegionCounts(10, 3), (std::vector<int>{1, 1, 1}));
-  EXPECT_TRUE(NSegment::defaultRegionCounts(100, 0).empty());
   const std::vector<int> many = NSegment::defaultRegionCounts(1000000, 10);
   EXPECT_TRUE(std::is_sorted(many.rbegin(), many.rend()));
   EXPECT_EQ(many.front(), 2000);
@@ -236,9 +189,7 @@ TEST(SegmentTool, ParsesOptionsAnywhereAndChecksThem) {
   EXPECT_EQ(a.levels, 3);
   EXPECT_EQ(a.outputDir, "out");
   EXPECT_EQ(a.regions, (std::vector<int>{90, 30, 30}));
-  EXPECT_EQ(parseArguments({"f.ppm", "0", "--output=d/"}).outputDir, "d/");
   EXPECT_TRUE(parseArguments({"f.ppm", "x", "--help"}).help);
-  EXPECT_TRUE(parseArguments({"--version"}).version);
   for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
            {}, {"f.ppm"}, {"f.ppm", "3", "extra"}, {"f.ppm", "-1"}, {"f.ppm", "11"}, {"f.ppm", "2.5"}, {"f.ppm", "3x"},
            {"f.ppm", "99999999999999999999"}, {"f.ppm", "2", "--frobnicate"}, {"f.ppm", "2", "-o"},
@@ -250,7 +201,6 @@ TEST(SegmentTool, ParsesOptionsAnywhereAndChecksThem) {
 
 TEST(SegmentTool, NamesFollowTheLabellingTool) {
   using NSegmentTool::segmentationName;
-  EXPECT_EQ(segmentationName("frame.ppm", "", 0), "frame_seg0.ppm");
   EXPECT_EQ(segmentationName("data/seq/frame01.ppm", "", 12), "data/seq/frame01_seg12.ppm");
   EXPECT_EQ(segmentationName("/in/set.2/img.a.pnm", "", 1), "/in/set.2/img.a_seg1.pnm");
   EXPECT_EQ(segmentationName("data/frame.ppm", "out", 2), "out/frame_seg2.ppm");
@@ -308,18 +258,11 @@ TEST(SegmentExecutable, OutputDoesNotDependOnTheThreadCount) {
     EXPECT_EQ(NTest::readFile(dir.file(std::string("one/") + name)), NTest::readFile(dir.file(std::string("two/") + name)));
 }
 
-TEST(SegmentExecutable, HelpVersionAndErrors) {
+TEST(SegmentExecutable, ErrorsNameTheCulpritAndWriteNothing) {
   NTest::CScratchDir dir;
   NTest::writeFile(dir.file("text.ppm"), "this is not a pixmap\n");
   scene(20, 20).writeToPPM(dir.file("ok.ppm").c_str());
   NTest::writeFile(dir.file("noending"), NTest::readFile(dir.file("ok.ppm")));
-
-  const NTest::CRunResult help = segmentTool({"--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("Usage: tarnwick-segment IMAGE.ppm K"), std::string::npos);
-  const NTest::CRunResult version = segmentTool({"--version"});
-  EXPECT_EQ(version.status, 0);
-  EXPECT_EQ(version.out.rfind("tarnwick-segment ", 0), 0u);
 
   struct CCase {
     std::vector<std::string> args;
