@@ -6,41 +6,33 @@
 #include "CTensor.h"
 #include "TestSupport.h"
 
-namespace {
-
 using NTest::matrix;
 using NTest::values;
 
-struct CResampleCase {
-  int xSize, ySize;
-  std::vector<float> in;
-  int newX, newY;
-  std::vector<float> expected;
-};
-
-}  // namespace
-
 TEST(Resample, AreaAveragesAndSpreadsInBothPasses) {
-  const std::vector<CResampleCase> down = {
-      {4, 1, {1, 2, 3, 4}, 2, 1, {1.5f, 3.5f}},
-      {4, 1, {1, 2, 3, 4}, 3, 1, {1.25f, 2.5f, 3.75f}},
-      {4, 2, {0, 2, 4, 6, 1, 1, 1, 1}, 2, 2, {1, 5, 1, 1}},
-      {4, 4, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}, 2, 2, {2.5f, 4.5f, 10.5f, 12.5f}},
+  const struct {
+    bool up;
+    int xSize, ySize;
+    std::vector<float> in;
+    int newX, newY;
+    std::vector<float> expected;
+  } cases[] = {
+      {false, 4, 1, {1, 2, 3, 4}, 2, 1, {1.5f, 3.5f}},
+      {false, 4, 1, {1, 2, 3, 4}, 3, 1, {1.25f, 2.5f, 3.75f}},
+      {false, 4, 2, {0, 2, 4, 6, 1, 1, 1, 1}, 2, 2, {1, 5, 1, 1}},
+      {false, 4, 4, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}, 2, 2, {2.5f, 4.5f, 10.5f, 12.5f}},
+      {true, 2, 1, {0, 3}, 4, 1, {0, 0, 3, 3}},
+      {true, 2, 1, {0, 3}, 3, 1, {0, 1.5f, 3}},
+      {true, 1, 2, {0, 3}, 1, 3, {0, 1.5f, 3}},
+      {true, 2, 2, {1, 2, 3, 4}, 4, 4, {1, 1, 2, 2, 1, 1, 2, 2, 3, 3, 4, 4, 3, 3, 4, 4}},
   };
-  for (const CResampleCase& c : down) {
+  for (const auto& c : cases) {
     CMatrix<float> m = matrix(c.xSize, c.ySize, c.in);
-    m.downsample(c.newX, c.newY);
-    EXPECT_EQ(values(m), c.expected) << c.xSize << "x" << c.ySize << " -> " << c.newX << "x" << c.newY;
-  }
-  const std::vector<CResampleCase> up = {
-      {2, 1, {0, 3}, 4, 1, {0, 0, 3, 3}},
-      {2, 1, {0, 3}, 3, 1, {0, 1.5f, 3}},
-      {1, 2, {0, 3}, 1, 3, {0, 1.5f, 3}},
-      {2, 2, {1, 2, 3, 4}, 4, 4, {1, 1, 2, 2, 1, 1, 2, 2, 3, 3, 4, 4, 3, 3, 4, 4}},
-  };
-  for (const CResampleCase& c : up) {
-    CMatrix<float> m = matrix(c.xSize, c.ySize, c.in);
-    m.upsample(c.newX, c.newY);
+    if (c.up) {
+      m.upsample(c.newX, c.newY);
+    } else {
+      m.downsample(c.newX, c.newY);
+    }
     EXPECT_EQ(values(m), c.expected) << c.xSize << "x" << c.ySize << " -> " << c.newX << "x" << c.newY;
   }
 }
