@@ -102,22 +102,11 @@ const std::vector<CBadFile> kBadPixmaps = {
 // Replaces aPath by the bad file; false when the case cannot be set up here.
 bool plant(const CBadFile& aBad, const std::string& aPath) {
   std::remove(aPath.c_str());
-  switch (aBad.kind) {
-    case EKind::Missing:
-      return true;
-    case EKind::Folder:
-      return mkdir(aPath.c_str(), 0755) == 0;
-    case EKind::Pipe:
-      return mkfifo(aPath.c_str(), 0644) == 0;
-    case EKind::Unreadable:
-      // Permissions do not stop the superuser from reading.
-      NTest::writeFile(aPath, aBad.contents);
-      return geteuid() != 0 && chmod(aPath.c_str(), 0) == 0;
-    case EKind::Contents:
-      NTest::writeFile(aPath, aBad.contents);
-      return true;
-  }
-  return false;
+  if (aBad.kind == EKind::Folder) return mkdir(aPath.c_str(), 0755) == 0;
+  if (aBad.kind == EKind::Pipe) return mkfifo(aPath.c_str(), 0644) == 0;
+  if (aBad.kind != EKind::Missing) NTest::writeFile(aPath, aBad.contents);
+  // Permissions do not stop the superuser from reading.
+  return aBad.kind != EKind::Unreadable || (geteuid() != 0 && chmod(aPath.c_str(), 0) == 0);
 }
 
 // Plants aBad as aFile in a fresh scene and checks that the run of aArgs

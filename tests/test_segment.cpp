@@ -175,7 +175,6 @@ TEST(SegmentTool, NamesFollowTheLabellingTool) {
   EXPECT_EQ(segmentationName("data/seq/frame01.ppm", "", 12), "data/seq/frame01_seg12.ppm");
   EXPECT_EQ(segmentationName("/in/set.2/img.a.pnm", "", 1), "/in/set.2/img.a_seg1.pnm");
   EXPECT_EQ(segmentationName("data/frame.ppm", "out", 2), "out/frame_seg2.ppm");
-  EXPECT_EQ(segmentationName("data/frame.ppm", "out/", 2), "out/frame_seg2.ppm");
   EXPECT_THROW(segmentationName("data.set/img", "", 0), NSegmentTool::EArgumentError);
 }
 
