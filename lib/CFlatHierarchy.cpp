@@ -1,6 +1,7 @@
 #include "CFlatHierarchy.h"
 
 #include <omp.h>
+#include <emmintrin.h>
 #include <xmmintrin.h>
 
 #include <algorithm>
@@ -272,14 +273,23 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
       }
     layer.nbrStart[a + 1] = static_cast<int>(layer.nbr.size());
   }
-  layer.nbrFirst.resize(layer.nbr.size());
+  // Every linked pair of nodes once, whichever node lists it and how often:
+  // its value-dependent weight is the same from both ends.
+  std::unordered_map<long long, int> pairOf;
+  layer.nbrPair.resize(layer.nbr.size());
+  layer.pairNodes.clear();
   for (int a = 0; a < n; a++)
     for (int j = layer.nbrStart[a]; j < layer.nbrStart[a + 1]; j++) {
-      int first = layer.nbrStart[a];
-      while (layer.nbr[first] != layer.nbr[j]) first++;
-      layer.nbrFirst[j] = first;
+      const int c = layer.nbr[j];
+      const long long key = static_cast<long long>(std::min(a, c)) * n + std::max(a, c);
+      const auto [entry, isNew] = pairOf.try_emplace(key, static_cast<int>(layer.pairNodes.size() / 2));
+      if (isNew) {
+        layer.pairNodes.push_back(a);
+        layer.pairNodes.push_back(c);
+      }
+      layer.nbrPair[j] = entry->second;
     }
-  layer.nbrVar.assign(layer.nbr.size(), 0.0f);
+  layer.pairVar.assign(layer.pairNodes.size() / 2, 0.0f);
 }
 
 void CFlatHierarchy::distanceFunction(CMatrix<float>& aDistance) const {
@@ -390,27 +400,62 @@ void CFlatHierarchy::computeVariableWeights(int aThread, int aThreads, std::vect
   for (int l = 1; l < size(); l++) {
     CLayer& layer = mLayers[l];
     CLayer& finer = mLayers[l - 1];
-    const CShare nodes = share(layer.nodes, aThread, aThreads);
-    for (int p = nodes.begin; p < nodes.end; p++) {
-      gather(layer, p, aA.data());
-      for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
-        // A node listed again (non-local paths, self links) has the same weight.
-        if (layer.nbrFirst[j] == j) {
-          gather(layer, layer.nbr[j], aB.data());
-          layer.nbrVar[j] = vectorDiffusivity(aA.data(), aB.data(), mLabels);
-        } else {
-          layer.nbrVar[j] = layer.nbrVar[layer.nbrFirst[j]];
-        }
-        layer.nbrG[j] = layer.nbrConst[j] * layer.nbrVar[j];
+    const size_t layerStride = static_cast<size_t>(layer.nodes) * 4;
+    const CShare pairs = share(static_cast<int>(layer.pairVar.size()), aThread, aThreads);
+    int pair = pairs.begin;
+    for (; pair + 4 <= pairs.end; pair += 4) {
+      const float* a[4];
+      const float* c[4];
+      for (int q = 0; q < 4; q++) {
+        a[q] = layer.values.data() + static_cast<size_t>(layer.pairNodes[2 * (pair + q)]) * 4;
+        c[q] = layer.values.data() + static_cast<size_t>(layer.pairNodes[2 * (pair + q) + 1]) * 4;
       }
+      _mm_storeu_ps(layer.pairVar.data() + pair, diffusivity4(a, layerStride, c, layerStride));
     }
+    for (; pair < pairs.end; pair++) {
+      gather(layer, layer.pairNodes[2 * pair], aA.data());
+      gather(layer, layer.pairNodes[2 * pair + 1], aB.data());
+      layer.pairVar[pair] = vectorDiffusivity(aA.data(), aB.data(), mLabels);
+    }
+    const size_t finerStride = static_cast<size_t>(finer.nodes) * 4;
     const CShare children = share(finer.nodes, aThread, aThreads);
-    for (int c = children.begin; c < children.end; c++) {
+    int c = children.begin;
+    for (; c + 4 <= children.end; c += 4) {
+      const float* parent[4];
+      const float* child[4];
+      for (int q = 0; q < 4; q++) {
+        parent[q] = layer.values.data() + static_cast<size_t>(finer.parent[c + q]) * 4;
+        child[q] = finer.values.data() + static_cast<size_t>(c + q) * 4;
+      }
+      _mm_storeu_ps(finer.parentVar.data() + c, diffusivity4(parent, layerStride, child, finerStride));
+    }
+    for (; c < children.end; c++) {
       gather(layer, finer.parent[c], aA.data());
       gather(finer, c, aB.data());
       finer.parentVar[c] = vectorDiffusivity(aA.data(), aB.data(), mLabels);
     }
   }
+}
+
+// vectorDiffusivity(a[q], b[q]) of four pairs of nodes, one per SIMD lane: the
+// squared differences summed in label order, then diffusivity_fl's float sum
+// and double root and division, lane by lane. a[q] and b[q] point to the
+// nodes' slots in chunk 0; chunk c lies c strides further.
+__m128 CFlatHierarchy::diffusivity4(const float* const aA[4], size_t aStrideA, const float* const aB[4],
+                                    size_t aStrideB) const {
+  __m128 sum = _mm_setzero_ps();
+  for (int c = 0; c < mChunks; c++) {
+    __m128 d[4];
+    for (int q = 0; q < 4; q++) d[q] = _mm_sub_ps(_mm_loadu_ps(aA[q] + c * aStrideA), _mm_loadu_ps(aB[q] + c * aStrideB));
+    _MM_TRANSPOSE4_PS(d[0], d[1], d[2], d[3]);
+    const int lanes = std::min(mLanes, mLabels - c * mLanes);
+    for (int lane = 0; lane < lanes; lane++) sum = _mm_add_ps(sum, _mm_mul_ps(d[lane], d[lane]));
+  }
+  const __m128 shifted = _mm_add_ps(sum, _mm_set1_ps(mEpsilon));
+  const __m128d one = _mm_set1_pd(1.0);
+  const __m128d low = _mm_div_pd(one, _mm_sqrt_pd(_mm_cvtps_pd(shifted)));
+  const __m128d high = _mm_div_pd(one, _mm_sqrt_pd(_mm_cvtps_pd(_mm_movehl_ps(shifted, shifted))));
+  return _mm_movelh_ps(_mm_cvtpd_ps(low), _mm_cvtpd_ps(high));
 }
 
 // Second half: the edge products, each node's weight sum in the order of its
@@ -450,7 +495,10 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
     zero = false;
     for (int p = nodes.begin; p < nodes.end; p++) {
       float sum = 0.0f;
-      for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) sum = sum + layer.nbrG[j];
+      for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
+        layer.nbrG[j] = layer.nbrConst[j] * layer.pairVar[layer.nbrPair[j]];
+        sum = sum + layer.nbrG[j];
+      }
       for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
         layer.childG[j] = layer.childConst[j] * finer.parentVar[layer.child[j]];
         sum = sum + layer.childG[j];

@@ -12,6 +12,8 @@
 //   formed once per outer iteration with the same float operations.
 #pragma once
 
+#include <xmmintrin.h>
+
 #include <vector>
 
 #include "CMatrix.h"
@@ -48,8 +50,10 @@ private:
     std::vector<int> childStart, child;       // children in the layer below
     std::vector<float> childConst, childG;    // per child edge, parent side
     std::vector<int> nbrStart, nbr;           // neighbours (coarser layers only)
-    std::vector<float> nbrDist, nbrConst, nbrVar, nbrG;
-    std::vector<int> nbrFirst;                // first entry of the same node in the list
+    std::vector<float> nbrDist, nbrConst, nbrG;
+    std::vector<int> nbrPair;                 // the linked pair of each entry
+    std::vector<int> pairNodes;               // the two nodes of every pair
+    std::vector<float> pairVar;               // value-dependent weight of every pair
     std::vector<float> md;             // weight sum (pixels: with the data term)
     std::vector<float> omegaOverMd;    // (coarser layers)
     std::vector<float> values;         // [chunk][node][lane]
@@ -71,6 +75,7 @@ private:
 
   void computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA, std::vector<float>& aB);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
+  __m128 diffusivity4(const float* const aA[4], size_t aStrideA, const float* const aB[4], size_t aStrideB) const;
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
