@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
-#include <string>
 #include <thread>
 #include <unordered_map>
 
