@@ -728,6 +728,78 @@ void CFlatHierarchy::normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>
   }
 }
 
+// normalizeQuad with the degrees held in registers, for kChunks chunks. The
+// lanes of a chunk beyond its labels hold -inf: never above a threshold, they
+// add +0 to a sum that starts at +0 and so cannot be -0, which changes
+// nothing. The second round usually selects the same degrees as the first,
+// and then its threshold is the first one's: that is tested on the masks,
+// without forming the sum again.
+template <int kChunks>
+void CFlatHierarchy::normalizeQuadFixed(CLayer& aLayer, int aNode) const {
+  constexpr int kVectors = 4 * kChunks;
+  __m128 v[kVectors];
+#pragma GCC unroll 4
+  for (int c = 0; c < kChunks; c++) {
+    const float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    __m128 r0 = _mm_loadu_ps(base);
+    __m128 r1 = _mm_loadu_ps(base + 4);
+    __m128 r2 = _mm_loadu_ps(base + 8);
+    __m128 r3 = _mm_loadu_ps(base + 12);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    v[4 * c] = r0;
+    v[4 * c + 1] = r1;
+    v[4 * c + 2] = r2;
+    v[4 * c + 3] = r3;
+    const int used = std::min(mLanes, mLabels - c * mLanes);
+#pragma GCC unroll 4
+    for (int lane = 0; lane < 4; lane++) {
+      const __m128 keep = _mm_castsi128_ps(_mm_set1_epi32(lane < used ? -1 : 0));
+      v[4 * c + lane] = _mm_or_ps(_mm_and_ps(keep, v[4 * c + lane]), _mm_andnot_ps(keep, _mm_set1_ps(-INFINITY)));
+    }
+  }
+  const __m128 one = _mm_set1_ps(1.0f);
+  __m128 above[kVectors];
+  auto round = [&](__m128 aMu) {
+    __m128 sum = _mm_setzero_ps();
+    __m128i count = _mm_setzero_si128();  // minus the number of degrees above aMu
+#pragma GCC unroll 16
+    for (int k = 0; k < kVectors; k++) {
+      above[k] = _mm_cmpgt_ps(v[k], aMu);
+      sum = _mm_add_ps(sum, _mm_and_ps(above[k], v[k]));
+      count = _mm_add_epi32(count, _mm_castps_si128(above[k]));
+    }
+    return _mm_div_ps(_mm_sub_ps(sum, one), _mm_cvtepi32_ps(_mm_sub_epi32(_mm_setzero_si128(), count)));
+  };
+  __m128 mu = round(_mm_set1_ps(-1e10f));
+  if (mLabels > 1) {
+    __m128i changed = _mm_setzero_si128();
+#pragma GCC unroll 16
+    for (int k = 0; k < kVectors; k++)
+      changed = _mm_or_si128(changed, _mm_xor_si128(_mm_castps_si128(_mm_cmpgt_ps(v[k], mu)), _mm_castps_si128(above[k])));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi32(changed, _mm_setzero_si128())) != 0xffff)
+      for (int r = 1; r < mLabels; r++) {
+        const __m128 next = round(mu);
+        const bool settled =
+            _mm_movemask_epi8(_mm_cmpeq_epi32(_mm_castps_si128(next), _mm_castps_si128(mu))) == 0xffff;
+        mu = next;
+        if (settled) break;
+      }
+  }
+#pragma GCC unroll 4
+  for (int c = 0; c < kChunks; c++) {
+    float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    __m128 r0 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c], mu));
+    __m128 r1 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 1], mu));
+    __m128 r2 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 2], mu));
+    __m128 r3 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 3], mu));
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    _mm_storeu_ps(base, r0);
+    _mm_storeu_ps(base + 4, r1);
+    _mm_storeu_ps(base + 8, r2);
+    _mm_storeu_ps(base + 12, r3);
+  }
+}
+
 bool CFlatHierarchy::anyZeroWeightSum(int aLayer) const {
   const auto first = mZeroWeightSum.begin() + static_cast<long>(aLayer) * mTeam;
   return std::find(first, first + mTeam, 1) != first + mTeam;
@@ -739,7 +811,13 @@ void CFlatHierarchy::normalizeShare(int aThread, int aThreads, std::vector<float
     CLayer& layer = mLayers[l];
     const int quads = layer.nodes / 4;
     const CShare mine = share(quads, aThread, aThreads);
-    for (int q = mine.begin; q < mine.end; q++) normalizeQuad(layer, 4 * q, aScratch);
+    for (int q = mine.begin; q < mine.end; q++) {
+      switch (mChunks) {
+        case 1: normalizeQuadFixed<1>(layer, 4 * q); break;
+        case 2: normalizeQuadFixed<2>(layer, 4 * q); break;
+        default: normalizeQuad(layer, 4 * q, aScratch); break;
+      }
+    }
     if (l % aThreads == aThread)
       for (int p = 4 * quads; p < layer.nodes; p++) normalizeNode(layer, p, aScratch.data());
   }

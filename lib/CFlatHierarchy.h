@@ -81,6 +81,8 @@ private:
   void sweepLayer(int aLayer, int aChunk, float aOmega);
   void normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const;
   void normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>& aScratch) const;
+  template <int kChunks>
+  void normalizeQuadFixed(CLayer& aLayer, int aNode) const;
   void normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch);
   bool anyZeroWeightSum(int aLayer) const;
 

@@ -56,12 +56,14 @@ std::vector<int> regions(int aWidth, int aHeight, int aSeeds, std::mt19937& aRan
   return id;
 }
 
-CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested) {
+// aSeveralLabels: a labelled pixel may carry any subset of the labels, so that
+// the projection onto the simplex needs more than two rounds.
+CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveralLabels = false) {
   std::mt19937 random(aSeed);
   CCase c;
   c.width = std::uniform_int_distribution<int>(1, 23)(random);
   c.height = std::uniform_int_distribution<int>(1, 19)(random);
-  c.labels = std::uniform_int_distribution<int>(1, 7)(random);
+  c.labels = std::uniform_int_distribution<int>(1, aSeveralLabels ? 11 : 7)(random);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   c.start = CTensor<float>(c.width, c.height, c.labels);
   for (int y = 0; y < c.height; y++)
@@ -105,7 +107,10 @@ CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested) {
       const float draw = unit(random);
       if (draw < 0.2f) {
         c.conf(x, y) = 1.0f;
-        c.sparse(x, y, std::uniform_int_distribution<int>(0, c.labels - 1)(random)) = 1.0f;
+        if (aSeveralLabels)
+          for (int k = 0; k < c.labels; k++) c.sparse(x, y, k) = unit(random) < 0.5f ? 1.0f : 0.0f;
+        else
+          c.sparse(x, y, std::uniform_int_distribution<int>(0, c.labels - 1)(random)) = 1.0f;
       } else if (draw < 0.25f) {
         c.conf(x, y) = 0.5f;  // not exactly 1: no data term
       }
@@ -127,11 +132,11 @@ void expectSameDegrees(CHierarchy& aReference, const CFlatHierarchy& aFlat, int 
   }
 }
 
-void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads) {
+void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads, bool aSeveralLabels = false) {
   const std::string what = "seed " + std::to_string(aSeed) + ", " + std::to_string(aCoarserLayers) +
                            " layers, " + (aNested ? "nested" : "not nested") + ", " +
-                           std::to_string(aThreads) + " threads";
-  CCase c = randomCase(aSeed, aCoarserLayers, aNested);
+                           std::to_string(aThreads) + " threads" + (aSeveralLabels ? ", several labels" : "");
+  CCase c = randomCase(aSeed, aCoarserLayers, aNested, aSeveralLabels);
   omp_set_num_threads(aThreads);
   CHierarchy reference(c.start, c.segs);
   CFlatHierarchy flat(c.start, c.segs);
@@ -145,7 +150,7 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads
   }
   mLabNo = c.labels;
   mweight = weightReference;
-  const float alpha = aSeed % 3 == 0 ? 0.0f : 0.3f;
+  const float alpha = aSeveralLabels ? (aSeed % 2 == 0 ? 1.0f : 0.9f) : (aSeed % 3 == 0 ? 0.0f : 0.3f);
   const float omega = aSeed % 4 == 0 ? 1.0f : 1.9f;
   solveSegmentation_SOR(reference, c.conf, c.sparse, alpha, omega, 3);
   flat.solve(c.conf, c.sparse, weightFlat, alpha, omega, 3);
@@ -163,6 +168,15 @@ TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
   const int threadsBefore = omp_get_max_threads();
   for (unsigned seed = 1; seed <= 24; seed++)
     for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
+  omp_set_num_threads(threadsBefore);
+}
+
+// A strong data term of several labels per pixel: projections of many rounds,
+// and up to three label chunks.
+TEST(FlatSolver, BitIdenticalWithSeveralLabelsPerPixel) {
+  const int threadsBefore = omp_get_max_threads();
+  for (unsigned seed = 1; seed <= 12; seed++)
+    for (int threads : {1, 2}) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, true);
   omp_set_num_threads(threadsBefore);
 }
 
