@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <limits>
+#include <stdexcept>
 #include <memory>
 #include <thread>
 #include <unordered_map>
@@ -98,36 +101,79 @@ CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTe
   mLaneIndex.resize(mLabels);
   for (int k = 0; k < mLabels; k++) mLaneIndex[k] = 4 * (k / mLanes) + k % mLanes;
   mLayers.resize(aSegs.size());
-  buildPixelLayer(aImg, aSegs[0]);
+  buildPixelLayer(aSegs[0]);
   for (size_t k = 1; k < aSegs.size(); k++) buildCoarserLayer(static_cast<int>(k), aSegs[k], aSegs[k - 1]);
+  allocateValues(aImg);
+  for (int l = 1; l < size(); l++) buildEntries(l);
 }
 
 float CFlatHierarchy::value(int aLayer, int aNode, int aLabel) const {
-  return mLayers[aLayer].values[slot(mLayers[aLayer], aNode, aLabel)];
+  return mValues[slot(mLayers[aLayer], aNode, aLabel)];
 }
 
 void CFlatHierarchy::gather(const CLayer& aLayer, int aNode, float* aOut) const {
-  const float* base = aLayer.values.data() + static_cast<size_t>(aNode) * 4;
-  for (int k = 0; k < mLabels; k++) aOut[k] = base[aLayer.labelOffset[k]];
+  const float* base = mValues.data() + aLayer.base + static_cast<size_t>(aNode) * 4;
+  for (int k = 0; k < mLabels; k++) aOut[k] = base[mLabelOffset[k]];
 }
 
-void CFlatHierarchy::allocateNodeArrays(CLayer& aLayer, float aValue) {
+void CFlatHierarchy::allocateNodeArrays(CLayer& aLayer) {
   const int n = aLayer.nodes;
   aLayer.parent.assign(n, -1);
   aLayer.parentConst.assign(n, 0.0f);
   aLayer.parentVar.assign(n, 0.0f);
-  aLayer.parentG.assign(n, 0.0f);
   aLayer.md.assign(n, 0.0f);
   aLayer.omegaOverMd.assign(n, 0.0f);
-  aLayer.values.assign(static_cast<size_t>(mChunks) * aLayer.nodes * 4, 0.0f);
-  aLayer.labelOffset.resize(mLabels);
-  for (int k = 0; k < mLabels; k++)
-    aLayer.labelOffset[k] = static_cast<size_t>(k / mLanes) * aLayer.nodes * 4 + static_cast<size_t>(k % mLanes);
-  for (int p = 0; p < aLayer.nodes; p++)
-    for (int k = 0; k < mLabels; k++) aLayer.values[slot(aLayer, p, k)] = aValue;
 }
 
-void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<float>& aImage) {
+// The degrees of all layers, chunk after chunk; every coarser node starts at
+// 1 / labels, the pixels at aImg. A zero slot closes every chunk.
+void CFlatHierarchy::allocateValues(const CTensor<float>& aImg) {
+  size_t offset = 0;
+  for (CLayer& layer : mLayers) {
+    layer.base = offset;
+    offset += static_cast<size_t>(layer.nodes) * 4;
+  }
+  mZeroSlot = offset;
+  mChunkStride = offset + 4;
+  // The link lists address a chunk with 32-bit offsets.
+  if (mChunkStride > std::numeric_limits<uint32_t>::max()) throw std::length_error("image too large for the solver");
+  mValues.assign(mChunkStride * mChunks, 0.0f);
+  mLabelOffset.resize(mLabels);
+  for (int k = 0; k < mLabels; k++)
+    mLabelOffset[k] = static_cast<size_t>(k / mLanes) * mChunkStride + static_cast<size_t>(k % mLanes);
+  const int pixels = mLayers[0].nodes;
+  for (int k = 0; k < mLabels; k++)
+    for (int i = 0; i < pixels; i++) mValues[slot(mLayers[0], i, k)] = aImg.data()[static_cast<size_t>(k) * pixels + i];
+  for (int l = 1; l < size(); l++)
+    for (int p = 0; p < mLayers[l].nodes; p++)
+      for (int k = 0; k < mLabels; k++) mValues[slot(mLayers[l], p, k)] = 1.0f / static_cast<float>(mLabels);
+}
+
+// The links a coarser node's update walks, in its order: neighbours,
+// children, parent; padded to a multiple of four with links of weight 0 to
+// the zero slot, which leave the sum as it is.
+void CFlatHierarchy::buildEntries(int aLayer) {
+  CLayer& layer = mLayers[aLayer];
+  const CLayer& finer = mLayers[aLayer - 1];
+  const bool hasParent = aLayer + 1 < size();
+  layer.entryStart.assign(layer.nodes + 1, 0);
+  for (int p = 0; p < layer.nodes; p++) {
+    const int links = layer.nbrStart[p + 1] - layer.nbrStart[p] + layer.childStart[p + 1] - layer.childStart[p] +
+                      (hasParent ? 1 : 0);
+    layer.entryStart[p + 1] = layer.entryStart[p] + (links + 3) / 4 * 4;
+  }
+  layer.entryOffset.assign(layer.entryStart[layer.nodes], static_cast<uint32_t>(mZeroSlot));
+  layer.entryG.assign(layer.entryStart[layer.nodes], 0.0f);
+  auto at = [](const CLayer& aOwner, int aNode) { return static_cast<uint32_t>(aOwner.base + 4 * static_cast<size_t>(aNode)); };
+  for (int p = 0; p < layer.nodes; p++) {
+    int e = layer.entryStart[p];
+    for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) layer.entryOffset[e++] = at(layer, layer.nbr[j]);
+    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) layer.entryOffset[e++] = at(finer, layer.child[j]);
+    if (hasParent) layer.entryOffset[e] = at(mLayers[aLayer + 1], layer.parent[p]);
+  }
+}
+
+void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImage) {
   CLayer& layer = mLayers[0];
   const int n = mXSize * mYSize;
   layer.nodes = n;
@@ -139,9 +185,7 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImg, const CTensor<f
     layer.y[i] = static_cast<float>(i / mXSize);
     layer.firstLeaf[i] = i;
   }
-  allocateNodeArrays(layer, 0.0f);
-  for (int k = 0; k < mLabels; k++)
-    for (int i = 0; i < n; i++) layer.values[slot(layer, i, k)] = aImg.data()[static_cast<size_t>(k) * n + i];
+  allocateNodeArrays(layer);
   CMatrix<float> gx(mXSize, mYSize);
   CMatrix<float> gy(mXSize, mYSize);
   CSuperpixelLayer::diffusivities_fl(aImage, gx, gy);
@@ -203,7 +247,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
     layer.y[p] = sumY / count;
     layer.firstLeaf[p] = finer.firstLeaf[layer.child[layer.childStart[p]]];
   }
-  allocateNodeArrays(layer, 1.0f / static_cast<float>(mLabels));
+  allocateNodeArrays(layer);
 
   linkNeighbours(aLayer);
 
@@ -226,8 +270,6 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
       layer.childConst[j] = w * count;
     }
   }
-  layer.nbrG.assign(layer.nbr.size(), 0.0f);
-  layer.childG.assign(layer.child.size(), 0.0f);
 }
 
 // Adjacency from the finer layer's links (in their order, first discovery
@@ -316,7 +358,7 @@ void CFlatHierarchy::convertToImage(CTensor<float>& aResult) const {
   const int n = pixels.nodes;
   for (int k = 0; k < aResult.zSize(); k++) {
     float* out = aResult.data() + static_cast<size_t>(k) * n;
-    const float* in = pixels.values.data() + pixels.labelOffset[k];
+    const float* in = mValues.data() + mLabelOffset[k] + pixels.base;
     for (int i = 0; i < n; i++) out[i] = in[static_cast<size_t>(i) * 4];
   }
 }
@@ -363,7 +405,7 @@ void CFlatHierarchy::computePixelVariableWeights(int aFirstRow, int aEndRow) {
       float sumY = 0.0f;
       // Per chunk the terms of its labels at once; summed in label order.
       for (int c = 0; c < mChunks; c++) {
-        const float* m = pixels.values.data() + static_cast<size_t>(c) * n * 4;
+        const float* m = chunk(c) + pixels.base;
         auto at = [&](int ax, int ay) { return _mm_loadu_ps(m + static_cast<size_t>(ay * width + ax) * 4); };
         const __m128 centre = at(x, y);
         if (x < width - 1) {
@@ -399,34 +441,32 @@ void CFlatHierarchy::computeVariableWeights(int aThread, int aThreads, std::vect
   for (int l = 1; l < size(); l++) {
     CLayer& layer = mLayers[l];
     CLayer& finer = mLayers[l - 1];
-    const size_t layerStride = static_cast<size_t>(layer.nodes) * 4;
     const CShare pairs = share(static_cast<int>(layer.pairVar.size()), aThread, aThreads);
     int pair = pairs.begin;
     for (; pair + 4 <= pairs.end; pair += 4) {
       const float* a[4];
       const float* c[4];
       for (int q = 0; q < 4; q++) {
-        a[q] = layer.values.data() + static_cast<size_t>(layer.pairNodes[2 * (pair + q)]) * 4;
-        c[q] = layer.values.data() + static_cast<size_t>(layer.pairNodes[2 * (pair + q) + 1]) * 4;
+        a[q] = chunk(0) + layer.base + static_cast<size_t>(layer.pairNodes[2 * (pair + q)]) * 4;
+        c[q] = chunk(0) + layer.base + static_cast<size_t>(layer.pairNodes[2 * (pair + q) + 1]) * 4;
       }
-      _mm_storeu_ps(layer.pairVar.data() + pair, diffusivity4(a, layerStride, c, layerStride));
+      _mm_storeu_ps(layer.pairVar.data() + pair, diffusivity4(a, c));
     }
     for (; pair < pairs.end; pair++) {
       gather(layer, layer.pairNodes[2 * pair], aA.data());
       gather(layer, layer.pairNodes[2 * pair + 1], aB.data());
       layer.pairVar[pair] = vectorDiffusivity(aA.data(), aB.data(), mLabels);
     }
-    const size_t finerStride = static_cast<size_t>(finer.nodes) * 4;
     const CShare children = share(finer.nodes, aThread, aThreads);
     int c = children.begin;
     for (; c + 4 <= children.end; c += 4) {
       const float* parent[4];
       const float* child[4];
       for (int q = 0; q < 4; q++) {
-        parent[q] = layer.values.data() + static_cast<size_t>(finer.parent[c + q]) * 4;
-        child[q] = finer.values.data() + static_cast<size_t>(c + q) * 4;
+        parent[q] = chunk(0) + layer.base + static_cast<size_t>(finer.parent[c + q]) * 4;
+        child[q] = chunk(0) + finer.base + static_cast<size_t>(c + q) * 4;
       }
-      _mm_storeu_ps(finer.parentVar.data() + c, diffusivity4(parent, layerStride, child, finerStride));
+      _mm_storeu_ps(finer.parentVar.data() + c, diffusivity4(parent, child));
     }
     for (; c < children.end; c++) {
       gather(layer, finer.parent[c], aA.data());
@@ -439,13 +479,13 @@ void CFlatHierarchy::computeVariableWeights(int aThread, int aThreads, std::vect
 // vectorDiffusivity(a[q], b[q]) of four pairs of nodes, one per SIMD lane: the
 // squared differences summed in label order, then diffusivity_fl's float sum
 // and double root and division, lane by lane. a[q] and b[q] point to the
-// nodes' slots in chunk 0; chunk c lies c strides further.
-__m128 CFlatHierarchy::diffusivity4(const float* const aA[4], size_t aStrideA, const float* const aB[4],
-                                    size_t aStrideB) const {
+// nodes' slots in chunk 0.
+__m128 CFlatHierarchy::diffusivity4(const float* const aA[4], const float* const aB[4]) const {
   __m128 sum = _mm_setzero_ps();
   for (int c = 0; c < mChunks; c++) {
     __m128 d[4];
-    for (int q = 0; q < 4; q++) d[q] = _mm_sub_ps(_mm_loadu_ps(aA[q] + c * aStrideA), _mm_loadu_ps(aB[q] + c * aStrideB));
+    for (int q = 0; q < 4; q++)
+      d[q] = _mm_sub_ps(_mm_loadu_ps(aA[q] + c * mChunkStride), _mm_loadu_ps(aB[q] + c * mChunkStride));
     _MM_TRANSPOSE4_PS(d[0], d[1], d[2], d[3]);
     const int lanes = std::min(mLanes, mLabels - c * mLanes);
     for (int lane = 0; lane < lanes; lane++) sum = _mm_add_ps(sum, _mm_mul_ps(d[lane], d[lane]));
@@ -492,18 +532,21 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
     const CLayer& finer = mLayers[l - 1];
     const CShare nodes = share(layer.nodes, aThread, aThreads);
     zero = false;
+    const bool hasParent = l + 1 < size();
     for (int p = nodes.begin; p < nodes.end; p++) {
       float sum = 0.0f;
+      float* g = layer.entryG.data() + layer.entryStart[p];
       for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
-        layer.nbrG[j] = layer.nbrConst[j] * layer.pairVar[layer.nbrPair[j]];
-        sum = sum + layer.nbrG[j];
+        *g = layer.nbrConst[j] * layer.pairVar[layer.nbrPair[j]];
+        sum = sum + *g++;
       }
       for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
-        layer.childG[j] = layer.childConst[j] * finer.parentVar[layer.child[j]];
-        sum = sum + layer.childG[j];
+        *g = layer.childConst[j] * finer.parentVar[layer.child[j]];
+        sum = sum + *g++;
       }
-      layer.parentG[p] = layer.parentConst[p] * layer.parentVar[p];
-      sum = sum + layer.parentG[p];
+      const float parentG = layer.parentConst[p] * layer.parentVar[p];
+      if (hasParent) *g = parentG;
+      sum = sum + parentG;
       layer.md[p] = sum;
       layer.omegaOverMd[p] = aOmega / sum;
       zero = zero || sum == 0.0f;
@@ -612,11 +655,11 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
   CLayer& pixels = mLayers[0];
   const bool hasParent = size() > 1;
   const CPixelSweep sweep{mXSize,
-                          chunk(pixels, aChunk),
+                          chunk(aChunk) + pixels.base,
                           mRhs.data() + static_cast<size_t>(aChunk) * pixels.nodes * 4,
                           mPixelWeights.data(),
                           pixels.parent.data(),
-                          hasParent ? chunk(mLayers[1], aChunk) : nullptr,
+                          hasParent ? chunk(aChunk) + mLayers[1].base : nullptr,
                           pixels.md.data(),
                           _mm_set1_ps(1.0f - aAlpha),
                           _mm_set1_ps(1.0f - aOmega)};
@@ -627,23 +670,23 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
     check ? sweepRows<false, true>(sweep, mYSize) : sweepRows<false, false>(sweep, mYSize);
 }
 
-// One Gauss-Seidel pass over a coarser layer for the labels of one chunk.
+// One Gauss-Seidel pass over a coarser layer for the labels of one chunk,
+// each node's links four at a time.
 void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
   CLayer& layer = mLayers[aLayer];
-  float* u = chunk(layer, aChunk);
-  const float* below = chunk(mLayers[aLayer - 1], aChunk);
-  const bool hasParent = aLayer + 1 < size();
-  const float* above = hasParent ? chunk(mLayers[aLayer + 1], aChunk) : nullptr;
+  float* values = chunk(aChunk);
+  float* u = values + layer.base;
+  const uint32_t* offset = layer.entryOffset.data();
+  const float* g = layer.entryG.data();
   const __m128 oneMinusOmega = _mm_set1_ps(1.0f - aOmega);
   const bool check = anyZeroWeightSum(aLayer);
+  auto link = [&](__m128 aOut, int j) {
+    return _mm_sub_ps(aOut, _mm_mul_ps(_mm_set1_ps(g[j]), _mm_loadu_ps(values + offset[j])));
+  };
   for (int p = 0; p < layer.nodes; p++) {
     __m128 out = _mm_setzero_ps();
-    for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++)
-      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.nbrG[j]), _mm_loadu_ps(u + 4 * layer.nbr[j])));
-    for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++)
-      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.childG[j]), _mm_loadu_ps(below + 4 * layer.child[j])));
-    if (hasParent)
-      out = _mm_sub_ps(out, _mm_mul_ps(_mm_set1_ps(layer.parentG[p]), _mm_loadu_ps(above + 4 * layer.parent[p])));
+    for (int j = layer.entryStart[p]; j < layer.entryStart[p + 1]; j += 4)
+      out = link(link(link(link(out, j), j + 1), j + 2), j + 3);
     if (check && layer.md[p] == 0.0f) continue;
     const __m128 old = _mm_loadu_ps(u + 4 * p);
     const __m128 step = _mm_mul_ps(_mm_set1_ps(layer.omegaOverMd[p]), _mm_sub_ps(_mm_setzero_ps(), out));
@@ -655,9 +698,9 @@ void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
 // normalize does it: rounds of thresholding, one per label. A round whose
 // threshold equals the previous one to the bit selects the same degrees
 // again, so all later rounds repeat it and are skipped.
-void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const {
-  float* base = aLayer.values.data() + static_cast<size_t>(aNode) * 4;
-  const size_t* offset = aLayer.labelOffset.data();
+void CFlatHierarchy::normalizeNode(const CLayer& aLayer, int aNode, float* aScratch) {
+  float* base = mValues.data() + aLayer.base + static_cast<size_t>(aNode) * 4;
+  const size_t* offset = mLabelOffset.data();
   float* v = aScratch;
   for (int i = 0; i < mLabels; i++) v[i] = base[offset[i]];
   float mu = -1e10f;
@@ -680,11 +723,11 @@ void CFlatHierarchy::normalizeNode(CLayer& aLayer, int aNode, float* aScratch) c
 // normalizeNode for the four nodes aNode .. aNode + 3 at once, one node per
 // SIMD lane. A lane that has settled repeats its round unchanged while the
 // others go on, so every lane ends with the threshold of its own node.
-void CFlatHierarchy::normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>& aScratch) const {
+void CFlatHierarchy::normalizeQuad(const CLayer& aLayer, int aNode, std::vector<float>& aScratch) {
   // Per chunk the four nodes' vectors, transposed to one vector per lane.
   __m128* lanes = reinterpret_cast<__m128*>(aScratch.data());
   for (int c = 0; c < mChunks; c++) {
-    const float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    const float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
     __m128 r0 = _mm_loadu_ps(base);
     __m128 r1 = _mm_loadu_ps(base + 4);
     __m128 r2 = _mm_loadu_ps(base + 8);
@@ -715,7 +758,7 @@ void CFlatHierarchy::normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>
   }
   for (int k = 0; k < mLabels; k++) label(k) = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(label(k), mu));
   for (int c = 0; c < mChunks; c++) {
-    float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
     __m128 r0 = lanes[4 * c];
     __m128 r1 = lanes[4 * c + 1];
     __m128 r2 = lanes[4 * c + 2];
@@ -735,12 +778,12 @@ void CFlatHierarchy::normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>
 // and then its threshold is the first one's: that is tested on the masks,
 // without forming the sum again.
 template <int kChunks>
-void CFlatHierarchy::normalizeQuadFixed(CLayer& aLayer, int aNode) const {
+void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
   constexpr int kVectors = 4 * kChunks;
   __m128 v[kVectors];
 #pragma GCC unroll 4
   for (int c = 0; c < kChunks; c++) {
-    const float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    const float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
     __m128 r0 = _mm_loadu_ps(base);
     __m128 r1 = _mm_loadu_ps(base + 4);
     __m128 r2 = _mm_loadu_ps(base + 8);
@@ -787,7 +830,7 @@ void CFlatHierarchy::normalizeQuadFixed(CLayer& aLayer, int aNode) const {
   }
 #pragma GCC unroll 4
   for (int c = 0; c < kChunks; c++) {
-    float* base = aLayer.values.data() + (static_cast<size_t>(c) * aLayer.nodes + aNode) * 4;
+    float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
     __m128 r0 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c], mu));
     __m128 r1 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 1], mu));
     __m128 r2 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 2], mu));
@@ -838,7 +881,9 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     const float w = aWeight(x, y);
     mConf[i] = c;
     mWeight[i] = w;
-    for (int k = 0; k < mLabels; k++) mRhs[slot(mLayers[0], i, k)] = w * aAlpha * c * aLabels(x, y, k);
+    for (int k = 0; k < mLabels; k++)
+      mRhs[static_cast<size_t>(k / mLanes) * n * 4 + static_cast<size_t>(i) * 4 + k % mLanes] =
+          w * aAlpha * c * aLabels(x, y, k);
   }
   if (maxiter <= 0) return;
   const int layers = size();

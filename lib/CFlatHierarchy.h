@@ -14,6 +14,7 @@
 
 #include <xmmintrin.h>
 
+#include <cstdint>
 #include <vector>
 
 #include "CMatrix.h"
@@ -46,43 +47,48 @@ private:
     std::vector<int> parent;           // node in the layer above, -1 in the top layer
     std::vector<float> parentConst;    // constant weight of the edge to the parent
     std::vector<float> parentVar;      // value-dependent weight of that edge
-    std::vector<float> parentG;        // their product (coarser layers)
     std::vector<int> childStart, child;       // children in the layer below
-    std::vector<float> childConst, childG;    // per child edge, parent side
+    std::vector<float> childConst;            // per child edge, parent side
     std::vector<int> nbrStart, nbr;           // neighbours (coarser layers only)
-    std::vector<float> nbrDist, nbrConst, nbrG;
+    std::vector<float> nbrDist, nbrConst;
     std::vector<int> nbrPair;                 // the linked pair of each entry
     std::vector<int> pairNodes;               // the two nodes of every pair
     std::vector<float> pairVar;               // value-dependent weight of every pair
     std::vector<float> md;             // weight sum (pixels: with the data term)
     std::vector<float> omegaOverMd;    // (coarser layers)
-    std::vector<float> values;         // [chunk][node][lane]
-    std::vector<size_t> labelOffset;   // of label k in values for node 0
+    size_t base = 0;                   // of the layer's degrees within a chunk
+    // What the update of a coarser node walks: per link the offset of the
+    // linked node's degrees within a chunk and the link's weight product.
+    std::vector<int> entryStart;
+    std::vector<uint32_t> entryOffset;
+    std::vector<float> entryG;
   };
 
-  float* chunk(CLayer& aLayer, int aChunk) { return aLayer.values.data() + static_cast<size_t>(aChunk) * aLayer.nodes * 4; }
-  // Per-node arrays of a layer whose node count is set; every degree aValue.
-  void allocateNodeArrays(CLayer& aLayer, float aValue);
-  static size_t slot(const CLayer& aLayer, int aNode, int aLabel) {
-    return aLayer.labelOffset[aLabel] + static_cast<size_t>(aNode) * 4;
+  float* chunk(int aChunk) { return mValues.data() + static_cast<size_t>(aChunk) * mChunkStride; }
+  // Per-node arrays of a layer whose node count is set.
+  void allocateNodeArrays(CLayer& aLayer);
+  void allocateValues(const CTensor<float>& aImg);
+  void buildEntries(int aLayer);
+  size_t slot(const CLayer& aLayer, int aNode, int aLabel) const {
+    return mLabelOffset[aLabel] + aLayer.base + static_cast<size_t>(aNode) * 4;
   }
   void gather(const CLayer& aLayer, int aNode, float* aOut) const;
 
-  void buildPixelLayer(const CTensor<float>& aImg, const CTensor<float>& aImage);
+  void buildPixelLayer(const CTensor<float>& aImage);
   void buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg);
   void linkNeighbours(int aLayer);
   void pixelNeighbours(int aPixel, std::vector<int>& aOut) const;
 
   void computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA, std::vector<float>& aB);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
-  __m128 diffusivity4(const float* const aA[4], size_t aStrideA, const float* const aB[4], size_t aStrideB) const;
+  __m128 diffusivity4(const float* const aA[4], const float* const aB[4]) const;
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
-  void normalizeNode(CLayer& aLayer, int aNode, float* aScratch) const;
-  void normalizeQuad(CLayer& aLayer, int aNode, std::vector<float>& aScratch) const;
+  void normalizeNode(const CLayer& aLayer, int aNode, float* aScratch);
+  void normalizeQuad(const CLayer& aLayer, int aNode, std::vector<float>& aScratch);
   template <int kChunks>
-  void normalizeQuadFixed(CLayer& aLayer, int aNode) const;
+  void normalizeQuadFixed(const CLayer& aLayer, int aNode);
   void normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch);
   bool anyZeroWeightSum(int aLayer) const;
 
@@ -97,6 +103,12 @@ private:
   std::vector<char> mZeroWeightSum;
   float mDistRelaxation = 0.0f;
   std::vector<CLayer> mLayers;
+  // The degrees: [chunk][layer][node][lane], a chunk every mChunkStride
+  // floats, ending in four zeros (mZeroSlot) that padding links point to.
+  std::vector<float> mValues;
+  size_t mChunkStride = 0;
+  size_t mZeroSlot = 0;
+  std::vector<size_t> mLabelOffset;  // of label k in mValues for node 0 of a layer
   // Pixel edges: X(i) to the right neighbour, Y(i) to the one below.
   std::vector<float> mConstX, mConstY, mVarX, mVarY;
   // What a pixel update reads of its own, four floats per pixel: the weight
