@@ -833,8 +833,9 @@ void CFlatHierarchy::normalizeQuad(const CLayer& aLayer, int aNode, std::vector<
 // lanes of a chunk beyond its labels hold -inf: never above a threshold, they
 // add +0 to a sum that starts at +0 and so cannot be -0, which changes
 // nothing. The second round usually selects the same degrees as the first,
-// and then its threshold is the first one's: that is tested on the masks,
-// without forming the sum again.
+// and then its threshold is the first one's. With a threshold no lower than
+// the first, it selects a subset of the first round's degrees, the same set
+// when as many: that is tested without forming the sum again.
 template <int kChunks>
 void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
   constexpr int kVectors = 4 * kChunks;
@@ -853,31 +854,30 @@ void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
     v[4 * c + 3] = r3;
     const int used = std::min(mLanes, mLabels - c * mLanes);
 #pragma GCC unroll 4
-    for (int lane = 0; lane < 4; lane++) {
-      const __m128 keep = _mm_castsi128_ps(_mm_set1_epi32(lane < used ? -1 : 0));
-      v[4 * c + lane] = _mm_or_ps(_mm_and_ps(keep, v[4 * c + lane]), _mm_andnot_ps(keep, _mm_set1_ps(-INFINITY)));
-    }
+    for (int lane = 0; lane < 4; lane++)
+      if (lane >= used) v[4 * c + lane] = _mm_set1_ps(-INFINITY);
   }
   const __m128 one = _mm_set1_ps(1.0f);
-  __m128 above[kVectors];
+  __m128i count;  // minus the number of degrees above the threshold
   auto round = [&](__m128 aMu) {
     __m128 sum = _mm_setzero_ps();
-    __m128i count = _mm_setzero_si128();  // minus the number of degrees above aMu
+    count = _mm_setzero_si128();
 #pragma GCC unroll 16
     for (int k = 0; k < kVectors; k++) {
-      above[k] = _mm_cmpgt_ps(v[k], aMu);
-      sum = _mm_add_ps(sum, _mm_and_ps(above[k], v[k]));
-      count = _mm_add_epi32(count, _mm_castps_si128(above[k]));
+      const __m128 above = _mm_cmpgt_ps(v[k], aMu);
+      sum = _mm_add_ps(sum, _mm_and_ps(above, v[k]));
+      count = _mm_add_epi32(count, _mm_castps_si128(above));
     }
     return _mm_div_ps(_mm_sub_ps(sum, one), _mm_cvtepi32_ps(_mm_sub_epi32(_mm_setzero_si128(), count)));
   };
-  __m128 mu = round(_mm_set1_ps(-1e10f));
+  const __m128 first = _mm_set1_ps(-1e10f);
+  __m128 mu = round(first);
   if (mLabels > 1) {
-    __m128i changed = _mm_setzero_si128();
+    __m128i again = _mm_setzero_si128();
 #pragma GCC unroll 16
-    for (int k = 0; k < kVectors; k++)
-      changed = _mm_or_si128(changed, _mm_xor_si128(_mm_castps_si128(_mm_cmpgt_ps(v[k], mu)), _mm_castps_si128(above[k])));
-    if (_mm_movemask_epi8(_mm_cmpeq_epi32(changed, _mm_setzero_si128())) != 0xffff)
+    for (int k = 0; k < kVectors; k++) again = _mm_add_epi32(again, _mm_castps_si128(_mm_cmpgt_ps(v[k], mu)));
+    const __m128 same = _mm_and_ps(_mm_cmpge_ps(mu, first), _mm_castsi128_ps(_mm_cmpeq_epi32(again, count)));
+    if (_mm_movemask_ps(same) != 0xf)
       for (int r = 1; r < mLabels; r++) {
         const __m128 next = round(mu);
         const bool settled =
