@@ -2,6 +2,7 @@
 
 #include <omp.h>
 #include <emmintrin.h>
+#include <immintrin.h>
 #include <xmmintrin.h>
 
 #include <algorithm>
@@ -617,7 +618,7 @@ namespace {
 
 // What one pixel pass of one label chunk reads and writes.
 struct CPixelSweep {
-  int width;
+  ptrdiff_t width;
   float* u;                  // degrees of the chunk, four lanes per pixel
   const float* rhs;
   const float* weights;      // per pixel: right edge, lower edge, parent edge, omega / md
@@ -634,7 +635,7 @@ inline __m128 edge(__m128 aOut, float aWeight, const float* aValues) {
 
 // kCheck: some pixel of the layer has a weight sum of 0 and keeps its degree.
 template <bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent, bool kCheck>
-__attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, int i) {
+__attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, ptrdiff_t i) {
   float* u = s.u;
   const __m128 own = _mm_loadu_ps(s.weights + 4 * i);
   __m128 out = _mm_setzero_ps();
@@ -652,7 +653,7 @@ __attribute__((always_inline)) inline void updatePixel(const CPixelSweep& s, int
 
 template <bool kParent, bool kCheck>
 void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
-  const int i = y * s.width + x;
+  const ptrdiff_t i = y * s.width + x;
   const bool up = y > 0;
   const bool left = x > 0;
   const bool down = y < aHeight - 1;
@@ -683,17 +684,19 @@ void updateBorderPixel(const CPixelSweep& s, int x, int y, int aHeight) {
 // pixel still reads new degrees above and to its left and old ones below and
 // to its right, but the rows' update chains are independent, so their
 // latencies overlap.
+constexpr int kBand = 6;
+
 template <bool kParent, bool kCheck>
-void sweepRows(const CPixelSweep& s, int aHeight) {
-  constexpr int kBand = 6;
-  const int width = s.width;
+void sweepRows(const CPixelSweep& aSweep, int aHeight) {
+  const CPixelSweep s = aSweep;  // a local copy: the stores cannot change it
+  const int width = static_cast<int>(s.width);
   for (int y0 = 0; y0 < aHeight; y0 += kBand) {
     const int rows = std::min(kBand, aHeight - y0);
     const bool innerRows = rows == kBand && y0 > 0 && y0 + kBand < aHeight;
     for (int t = 0; t < width + rows - 1; t++) {
       if (innerRows && t >= kBand && t < width - 1) {
-        const int i = y0 * width + t;
-        for (int r = 0; r < kBand; r++) updatePixel<true, true, true, true, kParent, kCheck>(s, i + r * (width - 1));
+        const ptrdiff_t i = static_cast<ptrdiff_t>(y0) * width + t;
+        for (int r = 0; r < kBand; r++) updatePixel<true, true, true, true, kParent, kCheck>(s, i + r * (s.width - 1));
         continue;
       }
       for (int r = 0; r < rows; r++) {
@@ -703,6 +706,68 @@ void sweepRows(const CPixelSweep& s, int aHeight) {
     }
   }
 }
+
+// updatePixel<true, true, true, true, kParent, false> of two pixels at once,
+// one per 128-bit half of 256-bit registers: every lane goes through the same
+// operations as there, in the same order.
+__attribute__((target("avx"), always_inline)) inline __m256 both(const float* aFirst, const float* aSecond) {
+  return _mm256_loadu2_m128(aSecond, aFirst);
+}
+
+__attribute__((target("avx"), always_inline)) inline __m256 broadcast(float aFirst, float aSecond) {
+  return _mm256_set_m128(_mm_set1_ps(aSecond), _mm_set1_ps(aFirst));
+}
+
+template <bool kParent>
+__attribute__((target("avx"), always_inline)) inline void updatePixelPair(const CPixelSweep& s, ptrdiff_t i, ptrdiff_t j) {
+  const float* u = s.u;
+  const __m256 own = both(s.weights + 4 * i, s.weights + 4 * j);
+  const ptrdiff_t w = s.width;
+  __m256 out = _mm256_sub_ps(_mm256_setzero_ps(), _mm256_mul_ps(broadcast(s.weights[4 * (i - w) + 1], s.weights[4 * (j - w) + 1]),
+                                                                 both(u + 4 * (i - w), u + 4 * (j - w))));
+  out = _mm256_sub_ps(out, _mm256_mul_ps(broadcast(s.weights[4 * (i - 1)], s.weights[4 * (j - 1)]), both(u + 4 * (i - 1), u + 4 * (j - 1))));
+  out = _mm256_sub_ps(out, _mm256_mul_ps(_mm256_shuffle_ps(own, own, 0x55), both(u + 4 * (i + w), u + 4 * (j + w))));
+  out = _mm256_sub_ps(out, _mm256_mul_ps(_mm256_shuffle_ps(own, own, 0x00), both(u + 4 * (i + 1), u + 4 * (j + 1))));
+  if (kParent)
+    out = _mm256_sub_ps(out, _mm256_mul_ps(_mm256_shuffle_ps(own, own, 0xaa),
+                                           both(s.parentValues + 4 * s.parent[i], s.parentValues + 4 * s.parent[j])));
+  out = _mm256_mul_ps(_mm256_set_m128(s.oneMinusAlpha, s.oneMinusAlpha), out);
+  const __m256 step = _mm256_mul_ps(_mm256_shuffle_ps(own, own, 0xff), _mm256_sub_ps(both(s.rhs + 4 * i, s.rhs + 4 * j), out));
+  const __m256 old = both(u + 4 * i, u + 4 * j);
+  const __m256 relaxed = _mm256_add_ps(_mm256_mul_ps(_mm256_set_m128(s.oneMinusOmega, s.oneMinusOmega), old), step);
+  const __m256 clamped = _mm256_min_ps(_mm256_set1_ps(1.0f), _mm256_max_ps(_mm256_setzero_ps(), relaxed));
+  _mm256_storeu2_m128(s.u + 4 * j, s.u + 4 * i, clamped);
+}
+
+// sweepRows with the interior of every band two pixels at a time, for
+// processors with 256-bit vectors. The six updates of a wavefront step
+// depend only on the step before, so any two of them can go together.
+template <bool kParent>
+__attribute__((target("avx"))) void sweepRowsWide(const CPixelSweep& aSweep, int aHeight) {
+  const CPixelSweep s = aSweep;
+  const int width = static_cast<int>(s.width);
+  for (int y0 = 0; y0 < aHeight; y0 += kBand) {
+    const int rows = std::min(kBand, aHeight - y0);
+    const bool innerRows = rows == kBand && y0 > 0 && y0 + kBand < aHeight;
+    for (int t = 0; t < width + rows - 1; t++) {
+      if (innerRows && t >= kBand && t < width - 1) {
+        const ptrdiff_t i = static_cast<ptrdiff_t>(y0) * width + t;
+        const ptrdiff_t next = width - 1;
+        updatePixelPair<kParent>(s, i, i + 3 * next);
+        updatePixelPair<kParent>(s, i + next, i + 4 * next);
+        updatePixelPair<kParent>(s, i + 2 * next, i + 5 * next);
+        continue;
+      }
+      for (int r = 0; r < rows; r++) {
+        const int x = t - r;
+        if (x >= 0 && x < width) updateBorderPixel<kParent, false>(s, x, y0 + r, aHeight);
+      }
+    }
+  }
+}
+
+// 256-bit vectors are used where the processor has them, unless switched off.
+bool gWideVectorsAllowed = true;
 
 }  // namespace
 
@@ -722,7 +787,9 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
                           _mm_set1_ps(1.0f - aAlpha),
                           _mm_set1_ps(1.0f - aOmega)};
   const bool check = anyZeroWeightSum(0);
-  if (hasParent)
+  if (!check && wideVectors())
+    hasParent ? sweepRowsWide<true>(sweep, mYSize) : sweepRowsWide<false>(sweep, mYSize);
+  else if (hasParent)
     check ? sweepRows<true, true>(sweep, mYSize) : sweepRows<true, false>(sweep, mYSize);
   else
     check ? sweepRows<false, true>(sweep, mYSize) : sweepRows<false, false>(sweep, mYSize);
@@ -899,6 +966,13 @@ void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
     _mm_storeu_ps(base + 8, r2);
     _mm_storeu_ps(base + 12, r3);
   }
+}
+
+void CFlatHierarchy::allowWideVectors(bool aAllowed) { gWideVectorsAllowed = aAllowed; }
+
+bool CFlatHierarchy::wideVectors() {
+  static const bool available = __builtin_cpu_supports("avx");
+  return available && gWideVectorsAllowed;
 }
 
 bool CFlatHierarchy::anyZeroWeightSum(int aLayer) const {

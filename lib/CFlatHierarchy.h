@@ -39,6 +39,11 @@ public:
   void solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight, float aAlpha,
              float aOmega, int maxiter);
 
+  // Whether the solver may use 256-bit vectors where the processor has them
+  // (it does by default); both ways give the same bits.
+  static void allowWideVectors(bool aAllowed);
+  static bool wideVectors();
+
 private:
   struct CLayer {
     int nodes = 0;
