@@ -164,10 +164,15 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads
 
 }  // namespace
 
+// With and without 256-bit vectors (where the processor has them).
 TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
   const int threadsBefore = omp_get_max_threads();
-  for (unsigned seed = 1; seed <= 24; seed++)
-    for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
+  for (bool wide : {true, false}) {
+    CFlatHierarchy::allowWideVectors(wide);
+    for (unsigned seed = 1; seed <= 24; seed++)
+      for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
+  }
+  CFlatHierarchy::allowWideVectors(true);
   omp_set_num_threads(threadsBefore);
 }
 
