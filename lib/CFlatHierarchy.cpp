@@ -975,6 +975,83 @@ bool CFlatHierarchy::wideVectors() {
   return available && gWideVectorsAllowed;
 }
 
+namespace {
+
+// One round of the projection for eight nodes: the threshold from the degrees
+// above aMu, with their count (in float, as the plain path counts).
+template <int kVectors>
+__attribute__((target("avx"), always_inline)) inline __m256 thresholdRound(const __m256* v, __m256 aMu, __m256& aCount) {
+  __m256 sum = _mm256_setzero_ps();
+  aCount = _mm256_setzero_ps();
+#pragma GCC unroll 16
+  for (int k = 0; k < kVectors; k++) {
+    const __m256 above = _mm256_cmp_ps(v[k], aMu, _CMP_GT_OS);
+    sum = _mm256_add_ps(sum, _mm256_and_ps(above, v[k]));
+    aCount = _mm256_add_ps(aCount, _mm256_and_ps(above, _mm256_set1_ps(1.0f)));
+  }
+  return _mm256_div_ps(_mm256_sub_ps(sum, _mm256_set1_ps(1.0f)), aCount);
+}
+
+// The in-lane transpose of _MM_TRANSPOSE4_PS on both halves at once.
+__attribute__((target("avx"), always_inline)) inline void transposeHalves(__m256& r0, __m256& r1, __m256& r2, __m256& r3) {
+  const __m256 t0 = _mm256_unpacklo_ps(r0, r1);
+  const __m256 t1 = _mm256_unpackhi_ps(r0, r1);
+  const __m256 t2 = _mm256_unpacklo_ps(r2, r3);
+  const __m256 t3 = _mm256_unpackhi_ps(r2, r3);
+  r0 = _mm256_shuffle_ps(t0, t2, 0x44);
+  r1 = _mm256_shuffle_ps(t0, t2, 0xee);
+  r2 = _mm256_shuffle_ps(t1, t3, 0x44);
+  r3 = _mm256_shuffle_ps(t1, t3, 0xee);
+}
+
+}  // namespace
+
+// normalizeQuadFixed for the eight nodes aNode .. aNode + 7, nodes aNode + q
+// and aNode + 4 + q in the two halves of 256-bit registers.
+template <int kChunks>
+__attribute__((target("avx"))) void CFlatHierarchy::normalizeOctFixed(const CLayer& aLayer, int aNode) {
+  constexpr int kVectors = 4 * kChunks;
+  __m256 v[kVectors];
+#pragma GCC unroll 4
+  for (int c = 0; c < kChunks; c++) {
+    const float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
+#pragma GCC unroll 4
+    for (int q = 0; q < 4; q++) v[4 * c + q] = _mm256_loadu2_m128(base + 4 * (q + 4), base + 4 * q);
+    transposeHalves(v[4 * c], v[4 * c + 1], v[4 * c + 2], v[4 * c + 3]);
+    const int used = std::min(mLanes, mLabels - c * mLanes);
+#pragma GCC unroll 4
+    for (int lane = 0; lane < 4; lane++)
+      if (lane >= used) v[4 * c + lane] = _mm256_set1_ps(-INFINITY);
+  }
+  const __m256 first = _mm256_set1_ps(-1e10f);
+  __m256 count;
+  __m256 mu = thresholdRound<kVectors>(v, first, count);
+  if (mLabels > 1) {
+    __m256 again = _mm256_setzero_ps();
+#pragma GCC unroll 16
+    for (int k = 0; k < kVectors; k++)
+      again = _mm256_add_ps(again, _mm256_and_ps(_mm256_cmp_ps(v[k], mu, _CMP_GT_OS), _mm256_set1_ps(1.0f)));
+    const __m256 same = _mm256_and_ps(_mm256_cmp_ps(mu, first, _CMP_GE_OS), _mm256_cmp_ps(again, count, _CMP_EQ_OQ));
+    if (_mm256_movemask_ps(same) != 0xff)
+      for (int r = 1; r < mLabels; r++) {
+        const __m256 next = thresholdRound<kVectors>(v, mu, count);
+        const __m256i change = _mm256_castps_si256(_mm256_xor_ps(next, mu));
+        mu = next;
+        if (_mm256_testz_si256(change, change)) break;
+      }
+  }
+#pragma GCC unroll 4
+  for (int c = 0; c < kChunks; c++) {
+    float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
+    __m256 r[4];
+#pragma GCC unroll 4
+    for (int q = 0; q < 4; q++) r[q] = _mm256_max_ps(_mm256_setzero_ps(), _mm256_sub_ps(v[4 * c + q], mu));
+    transposeHalves(r[0], r[1], r[2], r[3]);
+#pragma GCC unroll 4
+    for (int q = 0; q < 4; q++) _mm256_storeu2_m128(base + 4 * (q + 4), base + 4 * q, r[q]);
+  }
+}
+
 bool CFlatHierarchy::anyZeroWeightSum(int aLayer) const {
   const auto first = mZeroWeightSum.begin() + static_cast<long>(aLayer) * mTeam;
   return std::find(first, first + mTeam, 1) != first + mTeam;
@@ -986,7 +1063,10 @@ void CFlatHierarchy::normalizeShare(int aThread, int aThreads, std::vector<float
     CLayer& layer = mLayers[l];
     const int quads = layer.nodes / 4;
     const CShare mine = share(quads, aThread, aThreads);
-    for (int q = mine.begin; q < mine.end; q++) {
+    int q = mine.begin;
+    if (mChunks <= 2 && wideVectors())
+      for (; q + 2 <= mine.end; q += 2) mChunks == 1 ? normalizeOctFixed<1>(layer, 4 * q) : normalizeOctFixed<2>(layer, 4 * q);
+    for (; q < mine.end; q++) {
       switch (mChunks) {
         case 1: normalizeQuadFixed<1>(layer, 4 * q); break;
         case 2: normalizeQuadFixed<2>(layer, 4 * q); break;

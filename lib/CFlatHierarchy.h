@@ -95,6 +95,8 @@ private:
   void normalizeQuad(const CLayer& aLayer, int aNode, std::vector<float>& aScratch);
   template <int kChunks>
   void normalizeQuadFixed(const CLayer& aLayer, int aNode);
+  template <int kChunks>
+  void normalizeOctFixed(const CLayer& aLayer, int aNode);
   void normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch);
   bool anyZeroWeightSum(int aLayer) const;
 

@@ -180,8 +180,12 @@ TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
 // and up to three label chunks.
 TEST(FlatSolver, BitIdenticalWithSeveralLabelsPerPixel) {
   const int threadsBefore = omp_get_max_threads();
-  for (unsigned seed = 1; seed <= 12; seed++)
-    for (int threads : {1, 2}) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, true);
+  for (bool wide : {true, false}) {
+    CFlatHierarchy::allowWideVectors(wide);
+    for (unsigned seed = 1; seed <= 12; seed++)
+      for (int threads : {1, 2}) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, true);
+  }
+  CFlatHierarchy::allowWideVectors(true);
   omp_set_num_threads(threadsBefore);
 }
 
