@@ -408,8 +408,14 @@ void CFlatHierarchy::computePixelVariableWeights(int aFirstRow, int aEndRow) {
   for (int y = aFirstRow; y < aEndRow; y++) {
     const int up = y > 0 ? y - 1 : 0;
     const int down = y < height - 1 ? y + 1 : height - 1;
+    const bool wide = wideVectors();
     for (int x = 0; x < width; x++) {
-      // Four pixels at once where all of them have both row neighbours.
+      // Eight or four pixels at once where all of them have both row neighbours.
+      if (wide && x > 0 && x + 8 < width) {
+        computePixelVariableWeights8(x, y);
+        x += 7;
+        continue;
+      }
       if (x > 0 && x + 4 < width) {
         computePixelVariableWeights4(x, y);
         x += 3;
@@ -493,6 +499,83 @@ void CFlatHierarchy::computePixelVariableWeights4(int x, int y) {
   }
   _mm_storeu_ps(&mVarX[y * width + x], diffusivityOfSums(sumX));
   _mm_storeu_ps(&mVarY[y * width + x], diffusivityOfSums(sumY));
+}
+
+namespace {
+
+__attribute__((target("avx"), always_inline)) inline __m256 derivative8(__m256 aBefore, __m256 aAfter) {
+  return _mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(-0.5f), aBefore), _mm256_mul_ps(_mm256_set1_ps(0.5f), aAfter));
+}
+
+__attribute__((target("avx"), always_inline)) inline __m256 energy8(__m256 aGradX, __m256 aGradY) {
+  return _mm256_add_ps(_mm256_mul_ps(aGradX, aGradX), _mm256_mul_ps(aGradY, aGradY));
+}
+
+// The in-lane transpose of _MM_TRANSPOSE4_PS on both halves at once.
+__attribute__((target("avx"), always_inline)) inline void transposeHalves(__m256& r0, __m256& r1, __m256& r2, __m256& r3) {
+  const __m256 t0 = _mm256_unpacklo_ps(r0, r1);
+  const __m256 t1 = _mm256_unpackhi_ps(r0, r1);
+  const __m256 t2 = _mm256_unpacklo_ps(r2, r3);
+  const __m256 t3 = _mm256_unpackhi_ps(r2, r3);
+  r0 = _mm256_shuffle_ps(t0, t2, 0x44);
+  r1 = _mm256_shuffle_ps(t0, t2, 0xee);
+  r2 = _mm256_shuffle_ps(t1, t3, 0x44);
+  r3 = _mm256_shuffle_ps(t1, t3, 0xee);
+}
+
+// Pixels (ax, ay) and (ax + 4, ay) of a plane of four lanes per pixel.
+__attribute__((target("avx"), always_inline)) inline __m256 pixelPair(const float* aPlane, int aWidth, int ax, int ay) {
+  const float* first = aPlane + static_cast<size_t>(ay * aWidth + ax) * 4;
+  return _mm256_loadu2_m128(first + 16, first);
+}
+
+// diffusivityOfSums on eight sums.
+__attribute__((target("avx"), always_inline)) inline __m256 diffusivityOfSums8(__m256 aSums) {
+  const __m256 shifted = _mm256_add_ps(aSums, _mm256_set1_ps(mEpsilon));
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d low = _mm256_div_pd(one, _mm256_sqrt_pd(_mm256_cvtps_pd(_mm256_castps256_ps128(shifted))));
+  const __m256d high = _mm256_div_pd(one, _mm256_sqrt_pd(_mm256_cvtps_pd(_mm256_extractf128_ps(shifted, 1))));
+  return _mm256_set_m128(_mm256_cvtpd_ps(high), _mm256_cvtpd_ps(low));
+}
+
+}  // namespace
+
+// computePixelVariableWeights4 for the pixels x .. x + 7, pixels x + q and
+// x + 4 + q in the two halves of 256-bit registers.
+__attribute__((target("avx"))) void CFlatHierarchy::computePixelVariableWeights8(int x, int y) {
+  const int width = mXSize;
+  const int height = mYSize;
+  const int up = y > 0 ? y - 1 : 0;
+  const int down = y < height - 1 ? y + 1 : height - 1;
+  const bool below = y < height - 1;
+  const __m256 half = _mm256_set1_ps(0.5f);
+  __m256 sumX = _mm256_setzero_ps();
+  __m256 sumY = _mm256_setzero_ps();
+  for (int c = 0; c < mChunks; c++) {
+    const float* m = chunk(c) + mLayers[0].base;
+    __m256 vertical[5];
+    for (int q = 0; q < 5; q++) vertical[q] = derivative8(pixelPair(m, width, x + q, up), pixelPair(m, width, x + q, down));
+    __m256 tx[4];
+    __m256 ty[4] = {_mm256_setzero_ps(), _mm256_setzero_ps(), _mm256_setzero_ps(), _mm256_setzero_ps()};
+    for (int q = 0; q < 4; q++) {
+      const int px = x + q;
+      tx[q] = energy8(_mm256_sub_ps(pixelPair(m, width, px + 1, y), pixelPair(m, width, px, y)),
+                      _mm256_mul_ps(half, _mm256_add_ps(vertical[q], vertical[q + 1])));
+      if (below)
+        ty[q] = energy8(_mm256_mul_ps(half, _mm256_add_ps(derivative8(pixelPair(m, width, px - 1, y), pixelPair(m, width, px + 1, y)),
+                                                          derivative8(pixelPair(m, width, px - 1, y + 1), pixelPair(m, width, px + 1, y + 1)))),
+                        _mm256_sub_ps(pixelPair(m, width, px, y + 1), pixelPair(m, width, px, y)));
+    }
+    transposeHalves(tx[0], tx[1], tx[2], tx[3]);
+    transposeHalves(ty[0], ty[1], ty[2], ty[3]);
+    const int lanes = std::min(mLanes, mLabels - c * mLanes);
+    for (int lane = 0; lane < lanes; lane++) {
+      sumX = _mm256_add_ps(sumX, tx[lane]);
+      if (below) sumY = _mm256_add_ps(sumY, ty[lane]);
+    }
+  }
+  _mm256_storeu_ps(&mVarX[y * width + x], diffusivityOfSums8(sumX));
+  _mm256_storeu_ps(&mVarY[y * width + x], diffusivityOfSums8(sumY));
 }
 
 // First half of the weights fixed through the inner iterations: the
@@ -990,18 +1073,6 @@ __attribute__((target("avx"), always_inline)) inline __m256 thresholdRound(const
     aCount = _mm256_add_ps(aCount, _mm256_and_ps(above, _mm256_set1_ps(1.0f)));
   }
   return _mm256_div_ps(_mm256_sub_ps(sum, _mm256_set1_ps(1.0f)), aCount);
-}
-
-// The in-lane transpose of _MM_TRANSPOSE4_PS on both halves at once.
-__attribute__((target("avx"), always_inline)) inline void transposeHalves(__m256& r0, __m256& r1, __m256& r2, __m256& r3) {
-  const __m256 t0 = _mm256_unpacklo_ps(r0, r1);
-  const __m256 t1 = _mm256_unpackhi_ps(r0, r1);
-  const __m256 t2 = _mm256_unpacklo_ps(r2, r3);
-  const __m256 t3 = _mm256_unpackhi_ps(r2, r3);
-  r0 = _mm256_shuffle_ps(t0, t2, 0x44);
-  r1 = _mm256_shuffle_ps(t0, t2, 0xee);
-  r2 = _mm256_shuffle_ps(t1, t3, 0x44);
-  r3 = _mm256_shuffle_ps(t1, t3, 0xee);
 }
 
 }  // namespace

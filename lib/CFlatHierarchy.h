@@ -87,6 +87,7 @@ private:
   void computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA, std::vector<float>& aB);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
   void computePixelVariableWeights4(int x, int y);
+  void computePixelVariableWeights8(int x, int y);
   __m128 diffusivity4(const float* const aA[4], const float* const aB[4]) const;
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
