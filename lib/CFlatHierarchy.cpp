@@ -263,6 +263,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
 
   // Constant weights: colour at the first leaves, spatial factor from the distances.
   layer.nbrConst.resize(layer.nbr.size());
+#pragma omp parallel for schedule(dynamic, 64)
   for (int a = 0; a < n; a++)
     for (int j = layer.nbrStart[a]; j < layer.nbrStart[a + 1]; j++) {
       const float dist = layer.nbrDist[j];
@@ -271,6 +272,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
       layer.nbrConst[j] = colourDiffusivity(aSeg, layer.firstLeaf[a], aSeg, layer.firstLeaf[layer.nbr[j]]) * spatial;
     }
   layer.childConst.resize(layer.child.size());
+#pragma omp parallel for schedule(dynamic, 64)
   for (int p = 0; p < n; p++) {
     const float count = static_cast<float>(layer.childStart[p + 1] - layer.childStart[p]);
     for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
@@ -327,6 +329,7 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
   // Every linked pair of nodes once, whichever node lists it and how often:
   // its value-dependent weight is the same from both ends.
   std::unordered_map<long long, int> pairOf;
+  pairOf.reserve(layer.nbr.size());
   layer.nbrPair.resize(layer.nbr.size());
   layer.pairNodes.clear();
   for (int a = 0; a < n; a++)
@@ -1157,6 +1160,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
   mConf.resize(n);
   mWeight.resize(n);
   mRhs.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+#pragma omp parallel for schedule(static)
   for (int i = 0; i < n; i++) {
     const int x = i % width;
     const int y = i / width;

@@ -111,6 +111,7 @@ void CSuperpixelLayer::diffusivities_fl(const CTensor<float>& aTensor, CMatrix<f
     aTensor.getMatrix(aTemp, k);
     // Horizontal edges: forward difference across, mean central y-derivative along.
     NFilter::filter(aTemp, aGrad, 1, aDerivative);
+#pragma omp parallel for schedule(static)
     for (int y = 0; y < height; y++)
       for (int x = 0; x < width - 1; x++) {
         const float aGradX = aTemp(x + 1, y) - aTemp(x, y);
@@ -119,6 +120,7 @@ void CSuperpixelLayer::diffusivities_fl(const CTensor<float>& aTensor, CMatrix<f
       }
     // Vertical edges: the same with the roles swapped.
     NFilter::filter(aTemp, aGrad, aDerivative, 1);
+#pragma omp parallel for schedule(static)
     for (int y = 0; y < height - 1; y++)
       for (int x = 0; x < width; x++) {
         const float aGradX = 0.5f * (aGrad(x, y) + aGrad(x, y + 1));
@@ -129,8 +131,11 @@ void CSuperpixelLayer::diffusivities_fl(const CTensor<float>& aTensor, CMatrix<f
   const int aSize = width * height;
   float* resultX = aResultX.data();
   float* resultY = aResultY.data();
-  for (int i = 0; i < aSize; i++) resultX[i] = diffusivity_fl(resultX[i]);
-  for (int i = 0; i < aSize; i++) resultY[i] = diffusivity_fl(resultY[i]);
+#pragma omp parallel for schedule(static)
+  for (int i = 0; i < aSize; i++) {
+    resultX[i] = diffusivity_fl(resultX[i]);
+    resultY[i] = diffusivity_fl(resultY[i]);
+  }
 }
 
 void CSuperpixelLayer::computeConstDiffusivitiesNeighbours_fl(const CTensor<float>& aIImage) {

@@ -346,19 +346,26 @@ void CUtility::euclideanDistanceTransform(const CTensor<float>& aTensor, CMatrix
   aComputed.setSize(width, height);
   aComputed.fill(mInfinity);
   markBoundaries(aTensor, aComputed);
-  CVector<float> f(std::max(width, height));
-  CVector<float> d;
-  for (int x = 0; x < width; x++) {
-    for (int y = 0; y < height; y++) f(y) = aComputed(x, y);
-    dt(f, d, height);
-    for (int y = 0; y < height; y++) aComputed(x, y) = d(y);
-  }
-  for (int y = 0; y < height; y++) {
-    for (int x = 0; x < width; x++) f(x) = aComputed(x, y);
-    dt(f, d, width);
-    for (int x = 0; x < width; x++) aComputed(x, y) = d(x);
+  // Columns, then rows, each line on its own.
+#pragma omp parallel
+  {
+    CVector<float> f(std::max(width, height));
+    CVector<float> d;
+#pragma omp for schedule(static)
+    for (int x = 0; x < width; x++) {
+      for (int y = 0; y < height; y++) f(y) = aComputed(x, y);
+      dt(f, d, height);
+      for (int y = 0; y < height; y++) aComputed(x, y) = d(y);
+    }
+#pragma omp for schedule(static)
+    for (int y = 0; y < height; y++) {
+      for (int x = 0; x < width; x++) f(x) = aComputed(x, y);
+      dt(f, d, width);
+      for (int x = 0; x < width; x++) aComputed(x, y) = d(x);
+    }
   }
   float* values = aComputed.data();
+#pragma omp parallel for schedule(static)
   for (int i = 0; i < aComputed.size(); i++)
     values[i] = static_cast<float>(std::sqrt(static_cast<double>(values[i])) + 1.0);
 }
