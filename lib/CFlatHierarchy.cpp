@@ -905,6 +905,36 @@ void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
   }
 }
 
+namespace {
+
+// The four nodes' four lanes at aBase, transposed: aLanes[q] holds lane q of
+// all four nodes.
+__attribute__((always_inline)) inline void loadTransposed(const float* aBase, __m128* aLanes) {
+  __m128 r0 = _mm_loadu_ps(aBase);
+  __m128 r1 = _mm_loadu_ps(aBase + 4);
+  __m128 r2 = _mm_loadu_ps(aBase + 8);
+  __m128 r3 = _mm_loadu_ps(aBase + 12);
+  _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+  aLanes[0] = r0;
+  aLanes[1] = r1;
+  aLanes[2] = r2;
+  aLanes[3] = r3;
+}
+
+__attribute__((always_inline)) inline void storeTransposed(const __m128* aLanes, float* aBase) {
+  __m128 r0 = aLanes[0];
+  __m128 r1 = aLanes[1];
+  __m128 r2 = aLanes[2];
+  __m128 r3 = aLanes[3];
+  _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+  _mm_storeu_ps(aBase, r0);
+  _mm_storeu_ps(aBase + 4, r1);
+  _mm_storeu_ps(aBase + 8, r2);
+  _mm_storeu_ps(aBase + 12, r3);
+}
+
+}  // namespace
+
 // Projection of one node's degrees onto the simplex, as the layers'
 // normalize does it: rounds of thresholding, one per label. A round whose
 // threshold equals the previous one to the bit selects the same degrees
@@ -938,16 +968,7 @@ void CFlatHierarchy::normalizeQuad(const CLayer& aLayer, int aNode, std::vector<
   // Per chunk the four nodes' vectors, transposed to one vector per lane.
   __m128* lanes = reinterpret_cast<__m128*>(aScratch.data());
   for (int c = 0; c < mChunks; c++) {
-    const float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
-    __m128 r0 = _mm_loadu_ps(base);
-    __m128 r1 = _mm_loadu_ps(base + 4);
-    __m128 r2 = _mm_loadu_ps(base + 8);
-    __m128 r3 = _mm_loadu_ps(base + 12);
-    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-    lanes[4 * c] = r0;
-    lanes[4 * c + 1] = r1;
-    lanes[4 * c + 2] = r2;
-    lanes[4 * c + 3] = r3;
+    loadTransposed(chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4, lanes + 4 * c);
   }
   const int* index = mLaneIndex.data();
   auto label = [&](int k) -> __m128& { return lanes[index[k]]; };
@@ -968,18 +989,7 @@ void CFlatHierarchy::normalizeQuad(const CLayer& aLayer, int aNode, std::vector<
     if (settled) break;
   }
   for (int k = 0; k < mLabels; k++) label(k) = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(label(k), mu));
-  for (int c = 0; c < mChunks; c++) {
-    float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
-    __m128 r0 = lanes[4 * c];
-    __m128 r1 = lanes[4 * c + 1];
-    __m128 r2 = lanes[4 * c + 2];
-    __m128 r3 = lanes[4 * c + 3];
-    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-    _mm_storeu_ps(base, r0);
-    _mm_storeu_ps(base + 4, r1);
-    _mm_storeu_ps(base + 8, r2);
-    _mm_storeu_ps(base + 12, r3);
-  }
+  for (int c = 0; c < mChunks; c++) storeTransposed(lanes + 4 * c, chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4);
 }
 
 // normalizeQuad with the degrees held in registers, for kChunks chunks. The
@@ -995,16 +1005,7 @@ void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
   __m128 v[kVectors];
 #pragma GCC unroll 4
   for (int c = 0; c < kChunks; c++) {
-    const float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
-    __m128 r0 = _mm_loadu_ps(base);
-    __m128 r1 = _mm_loadu_ps(base + 4);
-    __m128 r2 = _mm_loadu_ps(base + 8);
-    __m128 r3 = _mm_loadu_ps(base + 12);
-    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-    v[4 * c] = r0;
-    v[4 * c + 1] = r1;
-    v[4 * c + 2] = r2;
-    v[4 * c + 3] = r3;
+    loadTransposed(chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4, v + 4 * c);
     const int used = std::min(mLanes, mLabels - c * mLanes);
 #pragma GCC unroll 4
     for (int lane = 0; lane < 4; lane++)
@@ -1041,16 +1042,10 @@ void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
   }
 #pragma GCC unroll 4
   for (int c = 0; c < kChunks; c++) {
-    float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
-    __m128 r0 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c], mu));
-    __m128 r1 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 1], mu));
-    __m128 r2 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 2], mu));
-    __m128 r3 = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + 3], mu));
-    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-    _mm_storeu_ps(base, r0);
-    _mm_storeu_ps(base + 4, r1);
-    _mm_storeu_ps(base + 8, r2);
-    _mm_storeu_ps(base + 12, r3);
+    __m128 r[4];
+#pragma GCC unroll 4
+    for (int q = 0; q < 4; q++) r[q] = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(v[4 * c + q], mu));
+    storeTransposed(r, chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4);
   }
 }
 
