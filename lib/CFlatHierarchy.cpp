@@ -853,7 +853,7 @@ __attribute__((target("avx"))) void sweepRowsWide(const CPixelSweep& aSweep, int
 }
 
 // 256-bit vectors are used where the processor has them, unless switched off.
-bool gWideVectorsAllowed = true;
+std::atomic<bool> gWideVectorsAllowed{true};
 
 }  // namespace
 
@@ -1049,11 +1049,11 @@ void CFlatHierarchy::normalizeQuadFixed(const CLayer& aLayer, int aNode) {
   }
 }
 
-void CFlatHierarchy::allowWideVectors(bool aAllowed) { gWideVectorsAllowed = aAllowed; }
+void CFlatHierarchy::allowWideVectors(bool aAllowed) { gWideVectorsAllowed.store(aAllowed, std::memory_order_relaxed); }
 
 bool CFlatHierarchy::wideVectors() {
   static const bool available = __builtin_cpu_supports("avx");
-  return available && gWideVectorsAllowed;
+  return available && gWideVectorsAllowed.load(std::memory_order_relaxed);
 }
 
 namespace {

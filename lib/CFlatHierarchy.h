@@ -9,7 +9,10 @@
 //   SIMD lanes; within one inner iteration the label passes are independent,
 //   so the chunks are shared out among the threads;
 // - edge weights, weight sums and the over-relaxation factor per node are
-//   formed once per outer iteration with the same float operations.
+//   formed once per outer iteration with the same float operations;
+// - where the processor has 256-bit vectors, the pixel pass, the projection
+//   and the pixel weights put two pixels or nodes in one register, lane for
+//   lane the same operations as with 128 bits.
 #pragma once
 
 #include <xmmintrin.h>
