@@ -152,8 +152,9 @@ void CFlatHierarchy::allocateValues(const CTensor<float>& aImg) {
   for (int k = 0; k < mLabels; k++)
     mLabelOffset[k] = static_cast<size_t>(k / mLanes) * mChunkStride + static_cast<size_t>(k % mLanes);
   const int pixels = mLayers[0].nodes;
-  for (int k = 0; k < mLabels; k++)
-    for (int i = 0; i < pixels; i++) mValues[slot(mLayers[0], i, k)] = aImg.data()[static_cast<size_t>(k) * pixels + i];
+#pragma omp parallel for schedule(static)
+  for (int i = 0; i < pixels; i++)
+    for (int k = 0; k < mLabels; k++) mValues[slot(mLayers[0], i, k)] = aImg.data()[static_cast<size_t>(k) * pixels + i];
   for (int l = 1; l < size(); l++)
     for (int p = 0; p < mLayers[l].nodes; p++)
       for (int k = 0; k < mLabels; k++) mValues[slot(mLayers[l], p, k)] = 1.0f / static_cast<float>(mLabels);
