@@ -1076,8 +1076,9 @@ __attribute__((target("avx"), always_inline)) inline __m256 thresholdRound(const
 
 }  // namespace
 
-// normalizeQuadFixed for the eight nodes aNode .. aNode + 7, nodes aNode + q
-// and aNode + 4 + q in the two halves of 256-bit registers.
+// normalizeQuadFixed for the eight nodes aNode .. aNode + 7, two neighbouring
+// nodes per 256-bit load: after the in-lane transpose the lower halves hold
+// the even nodes and the upper halves the odd ones.
 template <int kChunks>
 __attribute__((target("avx"))) void CFlatHierarchy::normalizeOctFixed(const CLayer& aLayer, int aNode) {
   constexpr int kVectors = 4 * kChunks;
@@ -1086,7 +1087,7 @@ __attribute__((target("avx"))) void CFlatHierarchy::normalizeOctFixed(const CLay
   for (int c = 0; c < kChunks; c++) {
     const float* base = chunk(c) + aLayer.base + static_cast<size_t>(aNode) * 4;
 #pragma GCC unroll 4
-    for (int q = 0; q < 4; q++) v[4 * c + q] = _mm256_loadu2_m128(base + 4 * (q + 4), base + 4 * q);
+    for (int q = 0; q < 4; q++) v[4 * c + q] = _mm256_loadu_ps(base + 8 * q);
     transposeHalves(v[4 * c], v[4 * c + 1], v[4 * c + 2], v[4 * c + 3]);
     const int used = std::min(mLanes, mLabels - c * mLanes);
 #pragma GCC unroll 4
@@ -1118,7 +1119,7 @@ __attribute__((target("avx"))) void CFlatHierarchy::normalizeOctFixed(const CLay
     for (int q = 0; q < 4; q++) r[q] = _mm256_max_ps(_mm256_setzero_ps(), _mm256_sub_ps(v[4 * c + q], mu));
     transposeHalves(r[0], r[1], r[2], r[3]);
 #pragma GCC unroll 4
-    for (int q = 0; q < 4; q++) _mm256_storeu2_m128(base + 4 * (q + 4), base + 4 * q, r[q]);
+    for (int q = 0; q < 4; q++) _mm256_storeu_ps(base + 8 * q, r[q]);
   }
 }
 
