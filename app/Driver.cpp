@@ -25,6 +25,7 @@
 #include "CSuperpixelLayer.h"
 #include "CTensor.h"
 #include "CUtility.h"
+#include "Options.h"
 #include "Solver.h"
 
 // Driver state shared with the solver.
@@ -62,6 +63,7 @@ CRunFailure fail(const std::string& aMessage) {
 }
 
 struct CSettings {
+  NDriver::COptions options;
   int NoSegFiles = 0;
   int frameNo = -1;
   float aAlpha = 0.3f;
@@ -88,6 +90,12 @@ void printUsage() {
   std::cout << "- argument 7*: output folder" << std::endl;
 }
 
+void printOptions() {
+  std::cout << "options (anywhere on the line):" << std::endl;
+  for (const NDriver::COptionHelp& option : NDriver::optionHelp())
+    std::cout << "  " << option.name << "  " << option.text << std::endl;
+}
+
 // strtod truncated toward zero; values without an int representation are
 // reported instead of being converted with undefined behaviour.
 int truncatedArgument(const char* aText, int aPosition, const char* aWhat) {
@@ -100,8 +108,21 @@ int truncatedArgument(const char* aText, int aPosition, const char* aWhat) {
 }
 
 // Returns false when the program must end right away with status aStatus.
-bool parseArguments(int argc, char** args, CSettings& aSettings, int& aStatus) {
-  const int N = argc - 1;
+bool parseArguments(int argc, char** argv, CSettings& aSettings, int& aStatus) {
+  std::vector<char*> positional;
+  try {
+    positional = NDriver::splitOptions(argc, argv, aSettings.options);
+  } catch (const std::invalid_argument& error) {
+    throw fail(error.what());
+  }
+  if (aSettings.options.help) {
+    printUsage();
+    printOptions();
+    aStatus = 0;
+    return false;
+  }
+  char** args = positional.data();
+  const int N = static_cast<int>(positional.size()) - 1;
   if (N < 3) {
     printUsage();
     aStatus = 1;

@@ -107,6 +107,21 @@ TEST(DriverArguments, UsageTextWithStatusOne) {
   }
 }
 
+TEST(DriverArguments, OptionsAreTakenAnywhereAndUnknownOnesRejected) {
+  CScratchDir dir;
+  // Options do not count as positional arguments: two positionals still get the usage text.
+  CRunResult result = runTool({"--help", "img.ppm", "2"}, dir.path());
+  EXPECT_EQ(result.status, 0);
+  std::vector<std::string> lines = NTest::lines(result.out);
+  ASSERT_GT(lines.size(), 13u);
+  for (size_t i = 0; i < 13; i++) EXPECT_EQ(lines[i], kUsage[i]) << "line " << i + 1;
+  EXPECT_NE(result.out.find("--help"), std::string::npos);
+  result = runTool({"img.ppm", "2", "--no-such-option"}, dir.path());
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("--no-such-option"), std::string::npos) << result.err;
+  EXPECT_TRUE(NTest::listDir(dir.path()).empty());
+}
+
 TEST(DriverArguments, TrackFileErrorsExitWithStatusZero) {
   CScratchDir dir;
   CRunResult result = runTool({"img.ppm", "2", "tracks.dat"}, dir.path());

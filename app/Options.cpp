@@ -1,0 +1,48 @@
+#include "Options.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace NDriver {
+
+const std::vector<COptionHelp>& optionHelp() {
+  static const std::vector<COptionHelp> help = {
+      {"--help", "print this text and end"},
+  };
+  return help;
+}
+
+namespace {
+
+// Splits "--name=value" into its name and value.
+void splitValue(const std::string& aArgument, std::string& aName, std::string& aValue, bool& aHasValue) {
+  const std::size_t equals = aArgument.find('=');
+  aHasValue = equals != std::string::npos;
+  aName = aArgument.substr(0, equals);
+  aValue = aHasValue ? aArgument.substr(equals + 1) : std::string();
+}
+
+}  // namespace
+
+std::vector<char*> splitOptions(int argc, char** argv, COptions& aOptions) {
+  std::vector<char*> positional;
+  if (argc > 0) positional.push_back(argv[0]);
+  for (int i = 1; i < argc; i++) {
+    if (std::strncmp(argv[i], "--", 2) != 0) {
+      positional.push_back(argv[i]);
+      continue;
+    }
+    std::string name;
+    std::string value;
+    bool hasValue = false;
+    splitValue(argv[i], name, value, hasValue);
+    if (name == "--help" && !hasValue) {
+      aOptions.help = true;
+    } else {
+      throw std::invalid_argument("unknown option '" + std::string(argv[i]) + "' (see --help)");
+    }
+  }
+  return positional;
+}
+
+}  // namespace NDriver
