@@ -4,14 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <iostream>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
@@ -19,18 +16,11 @@
 
 #include "CErrors.h"
 #include "CFilter.h"
-#include "CFlatHierarchy.h"
 #include "CHierarchy.h"
-#include "CProjection.h"
-#include "CSuperpixelLayer.h"
 #include "CTensor.h"
 #include "CUtility.h"
+#include "Labelling.h"
 #include "Options.h"
-#include "Solver.h"
-
-// Driver state shared with the solver.
-int mLabNo = 0;
-CMatrix<float> mweight;
 
 namespace {
 
@@ -49,10 +39,6 @@ constexpr int kFailure = 2;
 // Labels beyond this many are rejected: the palette of track labels has as many
 // colours, and a photograph given by mistake as a label image must fail fast.
 constexpr int kMaxLabels = 256;
-
-constexpr int maxITER[7] = {50, 50, 30, 20, 10, 10, 10};
-constexpr float aOMEGA[7] = {1.9f, 1.9f, 1.9f, 1.9f, 1.9f, 1.2f, 1.8f};
-constexpr int maxGrid = 3;
 
 // A failure of the run whose message has already been printed.
 struct CRunFailure {};
@@ -228,31 +214,27 @@ void checkLabelCount(const CTensor<float>& aColours, const std::string& aName, c
 }
 
 struct CInputs {
-  CTensor<float> aIImage;
-  std::vector<CTensor<float>> aSegs;  // the segmentation files, finest first
-  CTensor<float> aLabels;
-  CMatrix<float> aConf;
+  NDriver::CLabellingInput problem;
   std::vector<CVector<int>> mapLabelToColor;
 };
 
 void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   const std::string imageName = mInputDir + mInputImg + mInputEnd;
-  aIn.aIImage = readColour(imageName);
+  NDriver::CLabellingInput& problem = aIn.problem;
+  problem.image = readColour(imageName);
   std::cout << "load input file:            " << imageName << std::endl;
-  mXSize = aIn.aIImage.xSize();
-  mYSize = aIn.aIImage.ySize();
-  mZSize = aIn.aIImage.zSize();
+  mXSize = problem.image.xSize();
+  mYSize = problem.image.ySize();
+  mZSize = problem.image.zSize();
   for (int i = 1; i <= aSettings.NoSegFiles; i++) {
     const std::string name = segmentationName(i - 1);
     std::cout << "load superpixel file:       " << name << std::endl;
-    aIn.aSegs.push_back(readColour(name));
-    requireImageSize(aIn.aSegs.back(), name, "the segmentation");
+    problem.segmentations.push_back(readColour(name));
+    requireImageSize(problem.segmentations.back(), name, "the segmentation");
   }
-  mweight.setSize(mXSize, mYSize);
-  mweight.fill(1.0f);
   std::cout << "read sparse label file:     " << mTrackFile << std::endl;
-  aIn.aConf.setSize(mXSize, mYSize);
-  aIn.aConf.fill(0.0f);
+  problem.confidence.setSize(mXSize, mYSize);
+  problem.confidence.fill(0.0f);
   CTensor<float> inputTracks(mXSize, mYSize, mZSize, 255.0f);
   if (aSettings.frameNo == -1) {
     const std::string labelName = mInputDir + mTrackFile;
@@ -264,116 +246,30 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
       throw fail(mTrackFile + ": the track file cannot be opened (missing, unreadable or not a plain file)");
     checkLabelCount(inputTracks, mTrackFile, "no point in frame " + std::to_string(aSettings.frameNo));
   }
-  mLabNo = CUtility::color2labelFunction(aIn.aLabels, inputTracks, aIn.mapLabelToColor);
-  std::cout << "number of labels:  " << mLabNo << std::endl;
-  CUtility::labelFunction2confidenceMask(aIn.aLabels, aIn.aConf);
+  const int labelCount = CUtility::color2labelFunction(problem.labels, inputTracks, aIn.mapLabelToColor);
+  std::cout << "number of labels:  " << labelCount << std::endl;
+  CUtility::labelFunction2confidenceMask(problem.labels, problem.confidence);
 }
 
 void writeInitialLabels(CInputs& aIn) {
   CTensor<float> sparseLabels(mXSize, mYSize, mZSize, 255.0f);
-  CUtility::plotSparseLabels(sparseLabels, aIn.aLabels, aIn.aConf, aIn.mapLabelToColor);
+  CUtility::plotSparseLabels(sparseLabels, aIn.problem.labels, aIn.problem.confidence, aIn.mapLabelToColor);
   sparseLabels.writeToPPM((mResultDir + mInputImg + "_initialLabels.ppm").c_str());
 }
 
-// Extents of level il (0 coarsest .. 3 full size).
-void levelSize(int il, int& aXSize, int& aYSize) {
-  const float f = static_cast<float>(1.0 / std::pow(2.0, maxGrid - il));
-  aXSize = static_cast<int>(mXSize * f);
-  aYSize = static_cast<int>(mYSize * f);
-}
-
-// Images narrower or lower than 8 pixels have empty coarse levels: the run
-// starts at the first level with at least one pixel in each direction.
-int firstLevel() {
-  for (int il = 0; il < maxGrid; il++) {
-    int nXSize = 0;
-    int nYSize = 0;
-    levelSize(il, nXSize, nYSize);
-    if (nXSize > 0 && nYSize > 0) return il;
-  }
-  return maxGrid;
-}
-
-double wallSeconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-void solveLevel(int il, const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
-  std::cout << "resolution level: " << il << " / " << maxGrid << std::endl;
-  int nXSize = 0;
-  int nYSize = 0;
-  levelSize(il, nXSize, nYSize);
-  CTensor<float> labels(aIn.aLabels);
-  labels.downsample(nXSize, nYSize, aIn.aConf);
-  CMatrix<float> conf(aIn.aConf);
-  conf.downsample(nXSize, nYSize, aIn.aConf);
-  CTensor<float> image(aIn.aIImage);
-  image.downsample(nXSize, nYSize);
-  std::vector<CTensor<float>> levelSegs;
-  levelSegs.push_back(std::move(image));
-  const int factor = static_cast<int>(std::pow(2.0, maxGrid - il));
-  for (int i = 1; i <= aSettings.NoSegFiles; i++) {
-    levelSegs.emplace_back(nXSize, nYSize, mZSize);
-    CUtility::downsample_fac(levelSegs.back(), aIn.aSegs[i - 1], factor);
-  }
-  if (aSettings.stats != nullptr)
-    aSettings.stats->updates += static_cast<long long>(nXSize) * nYSize * mLabNo * 10 * maxITER[il];
-  const double solveStart = wallSeconds();
-  if (aSettings.path == NDriver::ESolverPath::Reference) {
-    CHierarchy hierarchy(aLab, levelSegs);
-    if (aSettings.NoSegFiles > 0) {
-      CUtility::euclideanDistanceTransform(levelSegs[1], mweight);
-      hierarchy.getLayer(1)->distanceFunction(mweight);
-    }
-    solveSegmentation_SOR(hierarchy, conf, labels, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
-    hierarchy.getLayer(0)->convertToImage(aLab);
-  } else {
-    CFlatHierarchy hierarchy(aLab, levelSegs);
-    if (aSettings.NoSegFiles > 0) {
-      CUtility::euclideanDistanceTransform(levelSegs[1], mweight);
-      hierarchy.distanceFunction(mweight);
-    }
-    hierarchy.solve(conf, labels, mweight, aSettings.aAlpha, aOMEGA[il], maxITER[il]);
-    hierarchy.convertToImage(aLab);
-  }
-  if (aSettings.stats != nullptr) aSettings.stats->solveSeconds += wallSeconds() - solveStart;
-}
-
-void solveCoarseToFine(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
-  const float labinit = 1.0f / mLabNo;
-  const int first = firstLevel();
-  int nXSize = 0;
-  int nYSize = 0;
-  levelSize(first, nXSize, nYSize);
-  aLab = CTensor<float>(nXSize, nYSize, mLabNo, labinit);
-  const std::clock_t start = std::clock();
-  std::cout << "iterations on ..." << std::endl;
-  for (int il = first; il <= maxGrid; il++) {
-    const double levelStart = wallSeconds();
-    solveLevel(il, aSettings, aIn, aLab);
-    if (aSettings.stats != nullptr) aSettings.stats->levelSeconds[il] = wallSeconds() - levelStart;
-    if (il == maxGrid) break;
-    levelSize(il + 1, nXSize, nYSize);
-    aLab.upsample(nXSize, nYSize);
-  }
-  const std::clock_t stop = std::clock();
-  std::cout << std::endl;
-  std::cout << "total time:                        " << static_cast<double>(stop - start) / 1000000.0 << " seconds"
-            << std::endl;
-}
-
-void writeOutputs(const CSettings& aSettings, CInputs& aIn, CTensor<float>& aLab) {
+void writeOutputs(const CSettings& aSettings, const CInputs& aIn, const CTensor<float>& aSoft) {
   CTensor<float> canvas(mXSize, mYSize, mZSize, 255.0f);
-  CUtility::plotOverlayColor(canvas, aLab, aIn.mapLabelToColor, 1.0f);
+  CUtility::plotOverlayColor(canvas, aSoft, aIn.mapLabelToColor, 1.0f);
   canvas.writeToPPM((mResultDir + mInputImg + "_dense_soft.ppm").c_str());
-  CProjection::binary(aLab);
+  const CTensor<float> hard = NDriver::hardLabelling(aSoft);
   canvas.fill(255.0f);
-  CUtility::plotOverlayColor(canvas, aLab, aIn.mapLabelToColor, 1.0f);
+  CUtility::plotOverlayColor(canvas, hard, aIn.mapLabelToColor, 1.0f);
   canvas.writeToPPM((mResultDir + mInputImg + "_dense.ppm").c_str());
   if (aSettings.outChoice > 0) {
-    canvas = aIn.aIImage;
-    CUtility::plotOverlayColor(canvas, aLab, aIn.mapLabelToColor, 0.4f);
-    if (mShowInit) CUtility::plotSparseLabels(canvas, aIn.aLabels, aIn.aConf, aIn.mapLabelToColor);
+    canvas = aIn.problem.image;
+    CUtility::plotOverlayColor(canvas, hard, aIn.mapLabelToColor, 0.4f);
+    if (mShowInit)
+      CUtility::plotSparseLabels(canvas, aIn.problem.labels, aIn.problem.confidence, aIn.mapLabelToColor);
     canvas.writeToPPM((mResultDir + mInputImg + "_denseOUT.ppm").c_str());
   }
 }
@@ -390,9 +286,12 @@ int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* a
   writeInitialLabels(inputs);
   std::cout << "alpha:             " << settings.aAlpha << std::endl;
   std::cout << std::endl;
-  CTensor<float> aLab;
-  solveCoarseToFine(settings, inputs, aLab);
-  writeOutputs(settings, inputs, aLab);
+  NDriver::CLabellingSettings labelling;
+  labelling.alpha = settings.aAlpha;
+  labelling.path = settings.path;
+  labelling.stats = settings.stats;
+  labelling.log = &std::cout;
+  writeOutputs(settings, inputs, NDriver::solveLabelling(inputs.problem, labelling));
   return 0;
 }
 

@@ -17,8 +17,8 @@ inline float relax(float u, float md, float rhs, float out, float aOmega, float 
   return v;
 }
 
-void sweepPixels(CSuperpixelLayer& aLayer, CMatrix<float>& aConf, CTensor<float>& aLabels, float aAlpha,
-                 float aOmega, int iz) {
+void sweepPixels(CSuperpixelLayer& aLayer, CMatrix<float>& aConf, CTensor<float>& aLabels,
+                 const CMatrix<float>& aWeight, float aAlpha, float aOmega, int iz) {
   const float oneMinusAlpha = 1.0f - aAlpha;
   const float oneMinusOmega = 1.0f - aOmega;
   float out = 0.0f;
@@ -28,7 +28,7 @@ void sweepPixels(CSuperpixelLayer& aLayer, CMatrix<float>& aConf, CTensor<float>
     const int y = static_cast<int>(node->getY());
     node->computeDiffusionFlow(&out, &md, iz);
     const float c = aConf(x, y) == 1.0f ? 1.0f : 0.0f;
-    const float w = mweight(x, y);
+    const float w = aWeight(x, y);
     out = oneMinusAlpha * out;
     md = aAlpha * w * c + oneMinusAlpha * md;
     const float rhs = w * aAlpha * c * aLabels(x, y, iz);
@@ -48,11 +48,12 @@ void sweepSuperpixels(CSuperpixelLayer& aLayer, float aOmega, int iz) {
 
 }  // namespace
 
-void solveSegmentation_SOR(CHierarchy& sLabImg, CMatrix<float>& aConf, CTensor<float>& aLabels, float aAlpha,
-                           float aOmega, int maxiter) {
+void solveSegmentation_SOR(CHierarchy& sLabImg, CMatrix<float>& aConf, CTensor<float>& aLabels,
+                           const CMatrix<float>& aWeight, float aAlpha, float aOmega, int maxiter) {
   CTensor<float> tmp_4diffusivities(aLabels.xSize(), aLabels.ySize(), aLabels.zSize());
   const int layers = sLabImg.size();
   CSuperpixelLayer& pixels = *sLabImg.getLayer(0);
+  const int labelCount = aLabels.zSize();
   for (int iter = 0; iter < maxiter; iter++) {
     pixels.convertToImage(tmp_4diffusivities);
     pixels.computeDiffusivitiesNeighbours_fl(tmp_4diffusivities);
@@ -61,8 +62,8 @@ void solveSegmentation_SOR(CHierarchy& sLabImg, CMatrix<float>& aConf, CTensor<f
       sLabImg.getLayer(l)->computeDiffusivitiesChildren();
     }
     for (int inner = 0; inner < maxInnerIter; inner++) {
-      for (int iz = 0; iz < mLabNo; iz++) {
-        sweepPixels(pixels, aConf, aLabels, aAlpha, aOmega, iz);
+      for (int iz = 0; iz < labelCount; iz++) {
+        sweepPixels(pixels, aConf, aLabels, aWeight, aAlpha, aOmega, iz);
         for (int l = 1; l < layers; l++) sweepSuperpixels(*sLabImg.getLayer(l), aOmega, iz);
       }
       for (int l = 0; l < layers; l++) sLabImg.getLayer(l)->normalize();

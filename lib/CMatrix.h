@@ -96,7 +96,7 @@ public:
   // Area average onto a grid no larger than the current one.
   void downsample(int aNewXSize, int aNewYSize);
   // Confidence-weighted bilinear splatting onto a smaller grid.
-  void downsample(int aNewXSize, int aNewYSize, CMatrix<float>& aConfidence);
+  void downsample(int aNewXSize, int aNewYSize, const CMatrix<float>& aConfidence);
   // Area-weighted enlargement onto a grid no smaller than the current one.
   void upsample(int aNewXSize, int aNewYSize);
 
@@ -158,7 +158,7 @@ void CMatrix<T>::downsample(int aNewXSize, int aNewYSize) {
 }
 
 template <class T>
-void CMatrix<T>::downsample(int aNewXSize, int aNewYSize, CMatrix<float>& aConfidence) {
+void CMatrix<T>::downsample(int aNewXSize, int aNewYSize, const CMatrix<float>& aConfidence) {
   const int n = aNewXSize * aNewYSize;
   std::vector<T> values(static_cast<size_t>(std::max(n, 0)), T(0));
   std::vector<T> weights(static_cast<size_t>(std::max(n, 0)), T(0));

@@ -66,7 +66,7 @@ public:
 
   // Layer-by-layer resampling with the CMatrix operations.
   void downsample(int aNewXSize, int aNewYSize);
-  void downsample(int aNewXSize, int aNewYSize, CMatrix<float>& aConfidence);
+  void downsample(int aNewXSize, int aNewYSize, const CMatrix<float>& aConfidence);
   void upsample(int aNewXSize, int aNewYSize);
 
   // Binary pixmap input ("P6" colour or "P5" grey) and "P6" output of
@@ -154,7 +154,7 @@ void CTensor<T>::downsample(int aNewXSize, int aNewYSize) {
 }
 
 template <class T>
-void CTensor<T>::downsample(int aNewXSize, int aNewYSize, CMatrix<float>& aConfidence) {
+void CTensor<T>::downsample(int aNewXSize, int aNewYSize, const CMatrix<float>& aConfidence) {
   resampleLayers(aNewXSize, aNewYSize, [&](CMatrix<T>& m) { m.downsample(aNewXSize, aNewYSize, aConfidence); });
 }
 

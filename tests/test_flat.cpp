@@ -148,11 +148,9 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads
     for (int i = 0; i < weightFlat.size(); i++)
       ASSERT_TRUE(sameBits(weightReference.data()[i], weightFlat.data()[i])) << what << " weight " << i;
   }
-  mLabNo = c.labels;
-  mweight = weightReference;
   const float alpha = aSeveralLabels ? (aSeed % 2 == 0 ? 1.0f : 0.9f) : (aSeed % 3 == 0 ? 0.0f : 0.3f);
   const float omega = aSeed % 4 == 0 ? 1.0f : 1.9f;
-  solveSegmentation_SOR(reference, c.conf, c.sparse, alpha, omega, 3);
+  solveSegmentation_SOR(reference, c.conf, c.sparse, weightReference, alpha, omega, 3);
   flat.solve(c.conf, c.sparse, weightFlat, alpha, omega, 3);
   expectSameDegrees(reference, flat, c.labels, what);
   CTensor<float> image(c.width, c.height, c.labels);
@@ -207,9 +205,7 @@ TEST(FlatSolver, APixelWithoutAnyWeightKeepsItsDegrees) {
   CMatrix<float> weight(1, 1, 1.0f);
   CHierarchy reference(start, segs);
   CFlatHierarchy flat(start, segs);
-  mLabNo = 2;
-  mweight = weight;
-  solveSegmentation_SOR(reference, conf, sparse, 0.0f, 1.9f, 2);
+  solveSegmentation_SOR(reference, conf, sparse, weight, 0.0f, 1.9f, 2);
   flat.solve(conf, sparse, weight, 0.0f, 1.9f, 2);
   expectSameDegrees(reference, flat, 2, "isolated pixel");
   EXPECT_EQ(flat.value(0, 0, 1), 0.75f);

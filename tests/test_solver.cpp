@@ -15,16 +15,15 @@ struct CTiny {
   std::vector<CTensor<float>> segs;
   CTensor<float> sparse;
   CMatrix<float> conf;
+  CMatrix<float> weight;
 };
 
 // A column of aHeight pixels of one grey, two labels, no superpixel layer.
 CTiny column(int aHeight, const std::vector<std::vector<float>>& aStart) {
   CTiny t{CTensor<float>(1, aHeight, 2), {CTensor<float>(1, aHeight, 3, 50.0f)}, CTensor<float>(1, aHeight, 2, 0.0f),
-          CMatrix<float>(1, aHeight, 0.0f)};
+          CMatrix<float>(1, aHeight, 0.0f), CMatrix<float>(1, aHeight, 1.0f)};
   for (int y = 0; y < aHeight; y++)
     for (int k = 0; k < 2; k++) t.start(0, y, k) = aStart[y][k];
-  mLabNo = 2;
-  mweight = CMatrix<float>(1, aHeight, 1.0f);
   return t;
 }
 
@@ -37,7 +36,7 @@ float degree(CHierarchy& aHierarchy, int aLayer, int aNode, int aLabel) {
 TEST(Solver, ZeroIterationsChangeNothing) {
   CTiny t = column(2, {{0.9f, 0.5f}, {0.1f, 0.2f}});
   CHierarchy h(t.start, t.segs);
-  solveSegmentation_SOR(h, t.conf, t.sparse, 0.3f, 1.9f, 0);
+  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 0.3f, 1.9f, 0);
   EXPECT_EQ(degree(h, 0, 0, 0), 0.9f);  // not even normalised
   EXPECT_EQ(degree(h, 0, 1, 1), 0.2f);
 }
@@ -50,9 +49,9 @@ TEST(Solver, FullDataWeightCopiesTheLabelsAndLeavesWeightlessPixels) {
   t.conf(0, 0) = 1.0f;
   t.sparse(0, 0, 1) = 1.0f;
   t.conf(0, 1) = 0.999f;  // shrunk confidence: no data term
-  mweight(0, 0) = 2.0f;
+  t.weight(0, 0) = 2.0f;
   CHierarchy h(t.start, t.segs);
-  solveSegmentation_SOR(h, t.conf, t.sparse, 1.0f, 1.0f, 1);
+  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 1.0f, 1.0f, 1);
   EXPECT_EQ(degree(h, 0, 0, 0), 0.0f);
   EXPECT_EQ(degree(h, 0, 0, 1), 1.0f);
   EXPECT_EQ(degree(h, 0, 1, 0), 0.5f);  // (0.3, 0.3) projected: mu = -0.2
@@ -67,7 +66,7 @@ TEST(Solver, FullDataWeightCopiesTheLabelsAndLeavesWeightlessPixels) {
 TEST(Solver, GaussSeidelReadsTheNewDegreesOfEarlierNodes) {
   CTiny t = column(2, {{1.0f, 0.0f}, {0.0f, 1.0f}});
   CHierarchy h(t.start, t.segs);
-  solveSegmentation_SOR(h, t.conf, t.sparse, 0.0f, 1.0f, 1);
+  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 0.0f, 1.0f, 1);
   for (int node = 0; node < 2; node++) {
     EXPECT_EQ(degree(h, 0, node, 0), 0.0f);
     EXPECT_NEAR(degree(h, 0, node, 1), 1.0f, 1e-6f);
@@ -82,7 +81,7 @@ TEST(Solver, OverRelaxedStepsAreClampedToTheUnitInterval) {
   t.conf(0, 1) = 1.0f;
   t.sparse(0, 1, 0) = 1.0f;
   CHierarchy h(t.start, t.segs);
-  solveSegmentation_SOR(h, t.conf, t.sparse, 0.5f, 1.9f, 1);
+  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 0.5f, 1.9f, 1);
   for (int node = 0; node < 2; node++)
     for (int k = 0; k < 2; k++) {
       EXPECT_GE(degree(h, 0, node, k), 0.0f);
@@ -98,7 +97,7 @@ TEST(Solver, CoarserLayersFollowTheirChildren) {
   t.segs.push_back(CTensor<float>(1, 2, 3, 7.0f));  // one region
   CHierarchy h(t.start, t.segs);
   EXPECT_EQ(degree(h, 1, 0, 0), 0.5f);  // starts uniform
-  solveSegmentation_SOR(h, t.conf, t.sparse, 0.0f, 1.0f, 1);
+  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 0.0f, 1.0f, 1);
   EXPECT_GT(degree(h, 1, 0, 0), 0.99f);
   EXPECT_GT(degree(h, 0, 0, 0), 0.9f);
 }

@@ -1,0 +1,139 @@
+#include "Labelling.h"
+
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <ostream>
+
+#include "CFlatHierarchy.h"
+#include "CHierarchy.h"
+#include "CProjection.h"
+#include "CSuperpixelLayer.h"
+#include "CUtility.h"
+#include "Solver.h"
+
+namespace NDriver {
+
+namespace {
+
+constexpr int maxITER[7] = {50, 50, 30, 20, 10, 10, 10};
+constexpr float aOMEGA[7] = {1.9f, 1.9f, 1.9f, 1.9f, 1.9f, 1.2f, 1.8f};
+constexpr int maxGrid = 3;
+
+// Extents of level il (0 coarsest .. 3 full size) of an image of aXSize x aYSize.
+void levelSize(int aXSize, int aYSize, int il, int& aLevelX, int& aLevelY) {
+  const float f = static_cast<float>(1.0 / std::pow(2.0, maxGrid - il));
+  aLevelX = static_cast<int>(aXSize * f);
+  aLevelY = static_cast<int>(aYSize * f);
+}
+
+// Images narrower or lower than 8 pixels have empty coarse levels: the run
+// starts at the first level with at least one pixel in each direction.
+int firstLevel(int aXSize, int aYSize) {
+  for (int il = 0; il < maxGrid; il++) {
+    int nXSize = 0;
+    int nYSize = 0;
+    levelSize(aXSize, aYSize, il, nXSize, nYSize);
+    if (nXSize > 0 && nYSize > 0) return il;
+  }
+  return maxGrid;
+}
+
+double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Relaxes aLab (the level's size) at level il.
+void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aSettings, CTensor<float>& aLab) {
+  if (aSettings.log != nullptr) *aSettings.log << "resolution level: " << il << " / " << maxGrid << std::endl;
+  const int segFiles = static_cast<int>(aIn.segmentations.size());
+  const int labelCount = aIn.labels.zSize();
+  int nXSize = 0;
+  int nYSize = 0;
+  levelSize(aIn.image.xSize(), aIn.image.ySize(), il, nXSize, nYSize);
+  CTensor<float> labels(aIn.labels);
+  labels.downsample(nXSize, nYSize, aIn.confidence);
+  CMatrix<float> conf(aIn.confidence);
+  conf.downsample(nXSize, nYSize, aIn.confidence);
+  CTensor<float> image(aIn.image);
+  image.downsample(nXSize, nYSize);
+  std::vector<CTensor<float>> levelSegs;
+  levelSegs.push_back(std::move(image));
+  const int factor = static_cast<int>(std::pow(2.0, maxGrid - il));
+  for (const CTensor<float>& segmentation : aIn.segmentations) {
+    levelSegs.emplace_back(nXSize, nYSize, aIn.image.zSize());
+    CUtility::downsample_fac(levelSegs.back(), segmentation, factor);
+  }
+  // The data weight: 1, or with superpixels the distance to the nearest
+  // region boundary of the finest segmentation spread over its regions.
+  CMatrix<float> weight(nXSize, nYSize, 1.0f);
+  if (aSettings.stats != nullptr)
+    aSettings.stats->updates += static_cast<long long>(nXSize) * nYSize * labelCount * 10 * maxITER[il];
+  const double solveStart = wallSeconds();
+  if (aSettings.path == ESolverPath::Reference) {
+    CHierarchy hierarchy(aLab, levelSegs);
+    if (segFiles > 0) {
+      CUtility::euclideanDistanceTransform(levelSegs[1], weight);
+      hierarchy.getLayer(1)->distanceFunction(weight);
+    }
+    solveSegmentation_SOR(hierarchy, conf, labels, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);
+    hierarchy.getLayer(0)->convertToImage(aLab);
+  } else {
+    CFlatHierarchy hierarchy(aLab, levelSegs);
+    if (segFiles > 0) {
+      CUtility::euclideanDistanceTransform(levelSegs[1], weight);
+      hierarchy.distanceFunction(weight);
+    }
+    hierarchy.solve(conf, labels, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);
+    hierarchy.convertToImage(aLab);
+  }
+  if (aSettings.stats != nullptr) aSettings.stats->solveSeconds += wallSeconds() - solveStart;
+}
+
+}  // namespace
+
+CTensor<float> solveLabelling(const CLabellingInput& aInput, const CLabellingSettings& aSettings) {
+  const int xSize = aInput.image.xSize();
+  const int ySize = aInput.image.ySize();
+  const int labelCount = aInput.labels.zSize();
+  const float labinit = 1.0f / labelCount;
+  const int first = firstLevel(xSize, ySize);
+  int nXSize = 0;
+  int nYSize = 0;
+  levelSize(xSize, ySize, first, nXSize, nYSize);
+  CTensor<float> lab(nXSize, nYSize, labelCount, labinit);
+  const std::clock_t start = std::clock();
+  if (aSettings.log != nullptr) *aSettings.log << "iterations on ..." << std::endl;
+  for (int il = first; il <= maxGrid; il++) {
+    const double levelStart = wallSeconds();
+    solveLevel(il, aInput, aSettings, lab);
+    if (aSettings.stats != nullptr) aSettings.stats->levelSeconds[il] = wallSeconds() - levelStart;
+    if (il == maxGrid) break;
+    levelSize(xSize, ySize, il + 1, nXSize, nYSize);
+    lab.upsample(nXSize, nYSize);
+  }
+  const std::clock_t stop = std::clock();
+  if (aSettings.log != nullptr) {
+    *aSettings.log << std::endl;
+    *aSettings.log << "total time:                        " << static_cast<double>(stop - start) / 1000000.0
+                   << " seconds" << std::endl;
+  }
+  return lab;
+}
+
+CTensor<float> hardLabelling(const CTensor<float>& aDegrees) {
+  CTensor<float> hard(aDegrees);
+  CProjection::binary(hard);
+  return hard;
+}
+
+CMatrix<int> labelNumbers(const CTensor<float>& aHard) {
+  CMatrix<int> numbers(aHard.xSize(), aHard.ySize(), -1);
+  for (int k = 0; k < aHard.zSize(); k++)
+    for (int y = 0; y < aHard.ySize(); y++)
+      for (int x = 0; x < aHard.xSize(); x++)
+        if (aHard(x, y, k) == 1.0f) numbers(x, y) = k;
+  return numbers;
+}
+
+}  // namespace NDriver
