@@ -11,39 +11,11 @@
 #include <fstream>
 #include <iterator>
 
+#include "CPixmapHeader.h"
+
 namespace NPixmap {
 
 namespace {
-
-constexpr int kEnd = -1;
-
-// Character source with getc semantics over the file's bytes.
-class CScanner {
-public:
-  explicit CScanner(const std::vector<unsigned char>& aBytes) : mBytes(aBytes) {}
-  int get() { return mPos < mBytes.size() ? mBytes[mPos++] : kEnd; }
-  size_t position() const { return mPos; }
-
-private:
-  const std::vector<unsigned char>& mBytes;
-  size_t mPos = 0;
-};
-
-bool isDigit(int c) { return c >= '0' && c <= '9'; }
-
-// Numbers beyond this are reported as too large instead of overflowing.
-constexpr long long kHuge = 1LL << 40;
-
-// The start value may be negative (a non-digit taken as the first digit), so
-// the value stops growing once its magnitude passes kHuge in either direction.
-long long readDigits(CScanner& aIn, long long aValue, int& aChar) {
-  aChar = aIn.get();
-  while (isDigit(aChar)) {
-    if (aValue < kHuge && aValue > -kHuge) aValue = aValue * 10 + (aChar - '0');
-    aChar = aIn.get();
-  }
-  return aValue;
-}
 
 std::vector<unsigned char> slurp(const std::string& aFilename) {
   struct stat info {};
@@ -63,63 +35,77 @@ std::vector<unsigned char> slurp(const std::string& aFilename) {
 
 CImage read(const std::string& aFilename) { return decode(slurp(aFilename), aFilename); }
 
-CImage decode(const std::vector<unsigned char>& aBytes, const std::string& aName) {
-  CScanner in(aBytes);
-  auto fail = [&](const std::string& aProblem) { return EFileError(aName, aProblem); };
-  const auto truncatedHeader = "pixmap header ends before the pixel data";
+namespace {
 
+using NPixmapHeader::CHeader;
+using NPixmapHeader::CReading;
+
+// What keeps aHeader from describing a usable image in aSize bytes; empty when
+// nothing does.
+std::string problemOf(const CHeader& aHeader, int aLayers, size_t aSize) {
+  const long long width = aHeader.width;
+  const long long height = aHeader.height;
+  if (width <= 0 || height <= 0)
+    return "invalid image size " + std::to_string(width) + " x " + std::to_string(height);
+  if (aHeader.maxval != 255)
+    return "maximum value " + std::to_string(aHeader.maxval) + " is not supported (only 255)";
+  // Each extent is checked before the product so that it cannot overflow.
+  if (width > INT_MAX || height > INT_MAX || width * height > INT_MAX / aLayers)
+    return "image size " + std::to_string(width) + " x " + std::to_string(height) + " is too large";
+  const long long needed = width * height * aLayers;
+  const size_t available = aSize - aHeader.dataStart;
+  if (static_cast<size_t>(needed) > available)
+    return "truncated pixel data (" + std::to_string(available) + " of " + std::to_string(needed) + " bytes)";
+  return "";
+}
+
+bool holdsExactlyThePicture(const CHeader& aHeader, int aLayers, size_t aSize) {
+  return aHeader.dataStart + static_cast<size_t>(aHeader.width * aHeader.height * aLayers) == aSize;
+}
+
+bool sameImage(const CHeader& a, const CHeader& b) {
+  return a.width == b.width && a.height == b.height && a.dataStart == b.dataStart;
+}
+
+}  // namespace
+
+CImage decode(const std::vector<unsigned char>& aBytes, const std::string& aName) {
+  auto fail = [&](const std::string& aProblem) { return EFileError(aName, aProblem); };
   // Anything before the first 'P' is skipped.
-  int c = in.get();
-  while (c != 'P' && c != kEnd) c = in.get();
-  if (c == kEnd) throw fail("not a pixmap file (no magic number P5 or P6)");
-  c = in.get();
+  size_t magic = 0;
+  while (magic < aBytes.size() && aBytes[magic] != 'P') magic++;
+  if (magic == aBytes.size()) throw fail("not a pixmap file (no magic number P5 or P6)");
   CImage image;
-  if (c == '5')
+  const int kind = magic + 1 < aBytes.size() ? aBytes[magic + 1] : -1;
+  if (kind == '5')
     image.layers = 1;
-  else if (c == '6')
+  else if (kind == '6')
     image.layers = 3;
   else
     throw EInvalidFileFormat("PPM", aName);
-  // Rest of the magic token.
-  do c = in.get();
-  while (c != ' ' && c != '\n' && c != kEnd);
-  if (c == kEnd) throw fail(truncatedHeader);
-  // Comments are recognised only directly after the magic line.
-  c = in.get();
-  while (c == '#') {
-    do c = in.get();
-    while (c != '\n' && c != kEnd);
-    c = in.get();
-  }
-  while (c == '\n') c = in.get();
-  if (c == kEnd) throw fail(truncatedHeader);
-  // The character at hand is taken as the first digit of the width untested.
-  const long long width = readDigits(in, c - '0', c);
-  while (!isDigit(c) && c != kEnd) c = in.get();
-  if (c == kEnd) throw fail(truncatedHeader);
-  const long long height = readDigits(in, c - '0', c);
-  while (c != ' ' && c != '\n' && c != kEnd) c = in.get();
-  do c = in.get();
-  while (!isDigit(c) && c != kEnd);
-  if (c == kEnd) throw fail(truncatedHeader);
-  const long long maxval = readDigits(in, c - '0', c);
-  while (c != '\n' && c != kEnd) c = in.get();
 
-  if (width <= 0 || height <= 0)
-    throw fail("invalid image size " + std::to_string(width) + " x " + std::to_string(height));
-  if (maxval != 255) throw fail("maximum value " + std::to_string(maxval) + " is not supported (only 255)");
-  // Each extent is checked before the product so that it cannot overflow.
-  if (width > INT_MAX || height > INT_MAX || width * height > INT_MAX / image.layers)
-    throw fail("image size " + std::to_string(width) + " x " + std::to_string(height) + " is too large");
-  const long long needed = width * height * image.layers;
-  const size_t available = aBytes.size() - in.position();
-  if (static_cast<size_t>(needed) > available)
-    throw fail("truncated pixel data (" + std::to_string(available) + " of " + std::to_string(needed) + " bytes)");
-
-  image.width = static_cast<int>(width);
-  image.height = static_cast<int>(height);
-  image.samples.assign(aBytes.begin() + static_cast<long>(in.position()),
-                       aBytes.begin() + static_cast<long>(in.position() + static_cast<size_t>(needed)));
+  const size_t size = aBytes.size();
+  const CReading quirky = NPixmapHeader::readQuirky(aBytes, magic + 2);
+  const CReading standard = NPixmapHeader::readStandard(aBytes);
+  const std::string quirkyProblem = quirky.complete ? problemOf(quirky.header, image.layers, size) : quirky.problem;
+  const std::string standardProblem =
+      standard.complete ? problemOf(standard.header, image.layers, size) : standard.problem;
+  const bool quirkyFits = quirkyProblem.empty();
+  const bool standardFits = standardProblem.empty();
+  if (!quirkyFits && !standardFits) throw fail(standard.complete ? standardProblem : quirkyProblem);
+  // The tool's own reading stands unless only the format's grammar yields an
+  // image, or both do, differently, and only the grammar's accounts for
+  // exactly every byte of the file.
+  const bool useStandard =
+      !quirkyFits || (standardFits && !sameImage(quirky.header, standard.header) &&
+                      holdsExactlyThePicture(standard.header, image.layers, size) &&
+                      !holdsExactlyThePicture(quirky.header, image.layers, size));
+  const CHeader& header = useStandard ? standard.header : quirky.header;
+  image.width = static_cast<int>(header.width);
+  image.height = static_cast<int>(header.height);
+  const size_t needed = static_cast<size_t>(header.width * header.height * image.layers);
+  image.samples.assign(aBytes.begin() + static_cast<long>(header.dataStart),
+                       aBytes.begin() + static_cast<long>(header.dataStart + needed));
   return image;
 }
 

@@ -124,14 +124,17 @@ TEST_F(Pixmap, ReaderRejectsWhatIsNoCompleteImage) {
       {"no magic number in here", "magic"},
       {"P6\n3 2", "header"},
       {"P6\n0 2\n255\n", "size"},
-      // A comment after a magic line that ends in a blank is not skipped.
-      {"P6 \n# comment\n3 2\n255\n" + bytes(18), "size"},
+      {"P6\n-3 2\n255\n" + bytes(18), "size"},  // the minus sign is taken as a digit
       {"P6\n" + std::string(60, '9') + " 2\n255\n", "too large"},
       {"P6\n70000 70000\n255\n", "too large"},
       {"P5\n46340 46340\n255\n", "truncated"},  // refused before anything is allocated
       {"P6\n1 1\n65535\n" + bytes(6), "255"},
       {"P6\n3 2\n255\n" + bytes(17), "truncated"},
-      {"P6\n1 1\n255 abc", "truncated"},  // samples begin after the newline that follows maxval
+      // Legal headers whose pixel data are cut short or whose maxval is not
+      // 255 are refused for that reason, not as a garbled header.
+      {"P6\t3\t2\t255\n" + bytes(17), "truncated pixel data (17 of 18 bytes)"},
+      {"P6\n3 2\n# made by 2.10\n65535\n" + bytes(36), "maximum value 65535"},
+      {"P6\n3 2\n255 " + bytes(10), "truncated pixel data"},
   };
   for (const auto& [contents, problem] : cases) {
     const std::string path = file(contents);
@@ -139,5 +142,46 @@ TEST_F(Pixmap, ReaderRejectsWhatIsNoCompleteImage) {
     EXPECT_EQ(err.rfind("Error: " + path + ": ", 0), 0u) << err;
     EXPECT_NE(err.find(problem), std::string::npos) << err;
     EXPECT_EQ(NTest::lines(err).size(), 1u) << err;
+  }
+}
+
+TEST_F(Pixmap, ReaderReadsLegalHeadersAsTheFormatDefines) {
+  const std::string headers[] = {
+      "P6\t3\t2\t255\n",                          // tabs as separators
+      "P6\n3 2\n255 ",                              // one blank after maxval, then the samples
+      "P6\n3 2\n255\t",                            // one tab after maxval
+      "P6\n3 2\n# GIMP 2.10 export\n255\n",         // a comment with digits before maxval
+      "P6\n3 # 3 columns\n2\n255\n",               // a comment between width and height
+      "P6\n3 2\n255# comment ends the header\n",     // a comment right after maxval
+      "P6 \n# comment after the writer's magic\n3 2\n255\n",
+      "P6\n 3\r\n2\f255\v",                         // any white space
+  };
+  for (const std::string& header : headers) {
+    // Byte 10, a newline, among the samples catches a reading that skips to it.
+    CTensor<float> t;
+    t.readFromPPM(file(header + bytes(18, 5)).c_str());
+    EXPECT_EQ(std::make_tuple(t.xSize(), t.ySize(), t.zSize()), std::make_tuple(3, 2, 3)) << header;
+    EXPECT_EQ(std::make_tuple(t(0, 0, 0), t(1, 0, 1), t(2, 1, 2)), std::make_tuple(5.0f, 9.0f, 22.0f)) << header;
+  }
+}
+
+TEST_F(Pixmap, WhereTheTwoReadingsDifferTheFileSizeDecides) {
+  // A blank after maxval, then more bytes up to a newline: either the samples
+  // begin after the blank (the format) or after the newline (the tool's reading).
+  const struct {
+    std::string contents;
+    std::vector<float> samples;
+  } cases[] = {
+      {"P6\n1 1\n255 abc", {'a', 'b', 'c'}},            // only the format's reading is complete
+      {"P6\n1 1\n255 ab\n", {'a', 'b', '\n'}},          // both complete, the format's holds exactly the file
+      {"P6\n1 1\n255 junk\nxyz", {'x', 'y', 'z'}},       // the tool's reading holds exactly the file
+      {"P6\n1 1\n255 ab\nxyzw", {'x', 'y', 'z'}},        // neither exactly: the tool's reading stays
+      {"P6\r\n1 1\r\n255\r\nxyz", {'x', 'y', 'z'}},    // CR LF lines as read so far
+  };
+  for (const auto& c : cases) {
+    CTensor<float> t;
+    t.readFromPPM(file(c.contents).c_str());
+    ASSERT_EQ(std::make_tuple(t.xSize(), t.ySize(), t.zSize()), std::make_tuple(1, 1, 3)) << c.contents;
+    EXPECT_EQ(std::vector<float>(t.data(), t.data() + 3), c.samples) << c.contents;
   }
 }

@@ -225,3 +225,22 @@ TEST(Robustness, DocumentedConversionsAreAccepted) {
               (std::vector<std::string>{"img_dense.ppm", "img_dense_soft.ppm", "img_initialLabels.ppm"}));
   }
 }
+
+TEST(Robustness, LegalPixmapHeadersGiveTheResultsOfThePlainHeader) {
+  CScene plain;
+  ASSERT_EQ(plain.run(kLabelRun).status, 0);
+  const std::string samples = pixmap(kWidth, kHeight).substr(pixmap(kWidth, kHeight).size() - kWidth * kHeight * 3);
+  const std::string headers[] = {
+      "P6\t24\t16\t255\n",
+      "P6\n# written by a paint program 2.10\n24 # width\n16\n# depth\n255 ",
+  };
+  for (const std::string& header : headers) {
+    SCOPED_TRACE(header);
+    CScene scene;
+    NTest::writeFile(scene.dir.file("img.ppm"), header + samples);
+    const CRunResult result = scene.run(kLabelRun);
+    ASSERT_EQ(result.status, 0) << result.err;
+    for (const std::string& name : NTest::listDir(plain.results()))
+      EXPECT_EQ(NTest::readFile(scene.results() + "/" + name), NTest::readFile(plain.results() + "/" + name)) << name;
+  }
+}
