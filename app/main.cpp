@@ -1,3 +1,7 @@
+#include "CTemporaryFile.h"
 #include "Driver.h"
 
-int main(int argc, char** args) { return NDriver::main(argc, args); }
+int main(int argc, char** args) {
+  NTemporaryFile::installSignalHandlers();
+  return NDriver::main(argc, args);
+}

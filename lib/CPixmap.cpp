@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "CPixmapHeader.h"
+#include "CTemporaryFile.h"
 
 namespace NPixmap {
 
@@ -120,22 +121,20 @@ mode_t creationMode() {
 }  // namespace
 
 void write(const std::string& aFilename, int aWidth, int aHeight, const std::vector<unsigned char>& aRgb) {
-  std::string temp = aFilename + ".tmp-XXXXXX";
-  const int fd = mkstemp(&temp[0]);
+  NTemporaryFile::CTemporaryFile temp(aFilename);
+  const int fd = temp.create();
   if (fd < 0) throw EFileError(aFilename, std::string("cannot be created: ") + std::strerror(errno));
   FILE* file = fdopen(fd, "wb");
   if (file == nullptr) {
     close(fd);
-    unlink(temp.c_str());
     throw EFileError(aFilename, "cannot be created");
   }
   bool ok = fchmod(fd, creationMode()) == 0;
   ok = ok && std::fprintf(file, "P6 \n%d %d \n255\n", aWidth, aHeight) > 0;
   ok = ok && std::fwrite(aRgb.data(), 1, aRgb.size(), file) == aRgb.size();
   ok = (std::fclose(file) == 0) && ok;
-  if (!ok || std::rename(temp.c_str(), aFilename.c_str()) != 0) {
+  if (!ok || !temp.commit()) {
     const int error = errno;
-    unlink(temp.c_str());
     throw EFileError(aFilename, std::string("cannot be written: ") + std::strerror(error));
   }
 }

@@ -1,3 +1,7 @@
+#include "CTemporaryFile.h"
 #include "SegmentTool.h"
 
-int main(int argc, char** argv) { return NSegmentTool::main(argc, argv); }
+int main(int argc, char** argv) {
+  NTemporaryFile::installSignalHandlers();
+  return NSegmentTool::main(argc, argv);
+}
