@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -114,10 +116,11 @@ TEST(SegmentHierarchy, LevelsAreNestedConnectedAndOfTheRequestedSize) {
   EXPECT_EQ(wellFormedCounts(segment(CTensor<float>(1, 1, 3, 7.0f), {5, 2})), (std::vector<int>{1, 1}));
   EXPECT_EQ(wellFormedCounts(segment(scene(50, 1), {10, 3})), (std::vector<int>{10, 3}));
   EXPECT_EQ(wellFormedCounts(segment(CTensor<float>(40, 30, 3, 100.0f), {12, 4})), (std::vector<int>{12, 4}));
-  // More regions than pixels, then a count that grows from one level to the next.
+  // More regions than pixels, then a count that grows from one level to the
+  // next: every level still has at most 0.8 times the regions of the one before.
   const std::vector<int> tiny = wellFormedCounts(segment(scene(4, 3), {50, 20}));
-  EXPECT_TRUE(tiny[0] <= 12 && tiny[1] > 0) << tiny[0] << ", " << tiny[1];
-  EXPECT_EQ(wellFormedCounts(segment(scene(40, 30), {5, 9})), (std::vector<int>{5, 5}));
+  EXPECT_TRUE(tiny[0] <= 12 && tiny[1] > 0 && tiny[1] <= 0.8 * tiny[0]) << tiny[0] << ", " << tiny[1];
+  EXPECT_EQ(wellFormedCounts(segment(scene(40, 30), {5, 9})), (std::vector<int>{5, 4}));
   EXPECT_TRUE(segment(scene(8, 8), {}).empty());
 }
 
@@ -150,22 +153,23 @@ TEST(SegmentDefaults, RegionCountsFallGeometrically) {
   const std::vector<int> many = NSegment::defaultRegionCounts(1000000, 10);
   EXPECT_TRUE(std::is_sorted(many.rbegin(), many.rend()));
   EXPECT_EQ(many.front(), 2000);
-  EXPECT_EQ(many.back(), 333);
+  // Geometric steps of 0.82 are held to 0.8.
+  EXPECT_EQ(many.back(), 268);
 }
 
 TEST(SegmentTool, ParsesOptionsAnywhereAndChecksThem) {
   using NSegmentTool::parseArguments;
-  const NSegmentTool::COptions a = parseArguments({"-o", "out", "f.ppm", "3", "--regions=90,30,30"});
+  const NSegmentTool::COptions a = parseArguments({"-o", "out", "f.ppm", "3", "--regions=90,30,24"});
   EXPECT_EQ(a.image, "f.ppm");
   EXPECT_EQ(a.levels, 3);
   EXPECT_EQ(a.outputDir, "out");
-  EXPECT_EQ(a.regions, (std::vector<int>{90, 30, 30}));
+  EXPECT_EQ(a.regions, (std::vector<int>{90, 30, 24}));
   EXPECT_TRUE(parseArguments({"f.ppm", "x", "--help"}).help);
   for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
            {}, {"f.ppm"}, {"f.ppm", "3", "extra"}, {"f.ppm", "-1"}, {"f.ppm", "11"}, {"f.ppm", "2.5"}, {"f.ppm", "3x"},
            {"f.ppm", "99999999999999999999"}, {"f.ppm", "2", "--frobnicate"}, {"f.ppm", "2", "-o"},
            {"f.ppm", "2", "--output="}, {"f.ppm", "2", "-r", "10"}, {"f.ppm", "2", "-r", "10,20"},
-           {"f.ppm", "2", "-r", "10,0"}, {"f.ppm", "2", "-r", "10,,5"}, {"f.ppm", "2", "-r", "10,5,"}}) {
+           {"f.ppm", "2", "-r", "10,0"}, {"f.ppm", "2", "-r", "10,,5"}, {"f.ppm", "2", "-r", "10,5,"}, {"f.ppm", "2", "-r", "10,9"}, {"f.ppm", "2", "-r", "300,300"}}) {
     EXPECT_THROW(parseArguments(bad), NSegmentTool::EArgumentError) << ::testing::PrintToString(bad);
   }
 }
@@ -234,6 +238,7 @@ TEST(SegmentExecutable, ErrorsNameTheCulpritAndWriteNothing) {
       {{"ok.ppm", "many"}, 2, "K"},
       {{"ok.ppm", "3", "--bogus"}, 2, "--bogus"},
       {{"ok.ppm", "2", "--regions", "5,9"}, 2, "--regions"},
+      {{"ok.ppm", "4", "-r", "300,300,300,300"}, 2, "at most 0.8 times"},
       {{"noending", "2"}, 2, "noending"},
       {{"ok.ppm", "1", "-o", "text.ppm"}, 1, "text.ppm"},
       {{}, 2, "IMAGE"},
@@ -247,4 +252,32 @@ TEST(SegmentExecutable, ErrorsNameTheCulpritAndWriteNothing) {
     EXPECT_TRUE(result.out.empty());
   }
   EXPECT_EQ(NTest::listDir(dir.path()), (std::vector<std::string>{"noending", "ok.ppm", "text.ppm"}));
+}
+
+TEST(SegmentExecutable, UnusableOutputFoldersAreReportedBeforeSegmenting) {
+  NTest::CScratchDir dir;
+  scene(20, 20).writeToPPM(dir.file("ok.ppm").c_str());
+  ASSERT_EQ(symlink("loop", dir.file("loop").c_str()), 0);
+  struct CCase {
+    std::string folder;
+    const char* reason;
+  };
+  std::vector<CCase> cases = {
+      {std::string(300, 'x'), "File name too long"},
+      {"loop/inner", "Too many levels of symbolic links"},
+      {"ok.ppm/inner", "Not a directory"},
+  };
+  // Permissions do not stop the superuser.
+  if (geteuid() != 0) {
+    ASSERT_EQ(mkdir(dir.file("locked").c_str(), 0), 0);
+    cases.push_back({"locked/inner", "Permission denied"});
+  }
+  for (const CCase& c : cases) {
+    SCOPED_TRACE(c.folder);
+    const NTest::CRunResult result = segmentTool({"ok.ppm", "2", "-o", c.folder}, dir.path());
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err.rfind("Error: " + c.folder + ": cannot create the output folder: ", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
+  }
 }

@@ -1,8 +1,11 @@
 #include "SegmentTool.h"
 
 #include <algorithm>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <new>
@@ -30,10 +33,11 @@ const char* const kUsage =
     "\n"
     "Options:\n"
     "  -o, --output DIR       write into DIR (created when missing)\n"
-    "  -r, --regions N1,N2,.. region counts, fine to coarse, one per level, none\n"
-    "                         larger than the one before; default pixels/500 for\n"
-    "                         the finest, pixels/3000 for the coarsest level and\n"
-    "                         geometric steps between (640x480, K = 3: 614,251,102)\n"
+    "  -r, --regions N1,N2,.. region counts, fine to coarse, one per level, each\n"
+    "                         at most 0.8 times the one before (1 may follow 1);\n"
+    "                         default pixels/500 for the finest, pixels/3000 for\n"
+    "                         the coarsest level and geometric steps between\n"
+    "                         (640x480, K = 3: 614,251,102)\n"
     "  -h, --help             show this text and exit\n"
     "      --version          show the version and exit\n"
     "\n"
@@ -63,8 +67,10 @@ std::vector<int> parseRegions(const std::string& aText) {
     const size_t comma = aText.find(',', start);
     const int count = parseInteger(aText.substr(start, comma - start), "--regions");
     if (count < 1) throw EArgumentError("--regions", "every region count must be at least 1");
-    if (!counts.empty() && count > counts.back())
-      throw EArgumentError("--regions", "the counts must not grow from fine to coarse (levels are nested)");
+    if (!counts.empty() && count > NSegment::coarserLimit(counts.back()))
+      throw EArgumentError("--regions", std::to_string(count) + " regions after " + std::to_string(counts.back()) +
+                                            ": each level needs at most 0.8 times the regions of the one before " +
+                                            "(levels that do not shrink make the labelling slow)");
     counts.push_back(count);
     if (comma == std::string::npos) return counts;
     start = comma + 1;
@@ -87,11 +93,19 @@ bool optionValue(const std::vector<std::string>& aArgs, size_t& i, const std::st
   return true;
 }
 
+// Creates the output folder and checks that files can be made in it; a name
+// whose status cannot even be read (too long a component, a loop of links, a
+// parent that may not be entered) gets the system's reason.
 void ensureFolder(const std::string& aFolder) {
   std::error_code error;
   std::filesystem::create_directories(aFolder, error);
-  if (!std::filesystem::is_directory(aFolder))
-    throw EFileError(aFolder, "cannot create the output folder" + (error ? ": " + error.message() : ""));
+  std::error_code statusError;
+  if (!std::filesystem::is_directory(aFolder, statusError)) {
+    const std::error_code& reason = error ? error : statusError;
+    throw EFileError(aFolder, "cannot create the output folder" + (reason ? ": " + reason.message() : ""));
+  }
+  if (access(aFolder.c_str(), W_OK | X_OK) != 0)
+    throw EFileError(aFolder, std::string("cannot write into the output folder: ") + std::strerror(errno));
 }
 
 void run(const COptions& aOptions) {
@@ -102,11 +116,12 @@ void run(const COptions& aOptions) {
   image.readFromPPM(aOptions.image.c_str());
   image = NSegment::toColour(image);
   if (aOptions.levels == 0) return;
+  // Checked before the segmentation, whose work would be lost otherwise.
+  if (!aOptions.outputDir.empty()) ensureFolder(aOptions.outputDir);
   const std::vector<int> counts = aOptions.regions.empty()
                                       ? NSegment::defaultRegionCounts(image.xSize() * image.ySize(), aOptions.levels)
                                       : aOptions.regions;
   const std::vector<CMatrix<int>> levels = NSegment::segment(image, counts);
-  if (!aOptions.outputDir.empty()) ensureFolder(aOptions.outputDir);
   for (size_t k = 0; k < levels.size(); k++) {
     const int regions = levels[k].size() > 0 ? *std::max_element(levels[k].data(), levels[k].data() + levels[k].size()) + 1 : 0;
     NSegment::paintRegions(image, levels[k]).writeToPPM(names[k].c_str());

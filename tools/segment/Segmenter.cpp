@@ -83,12 +83,15 @@ std::array<int, 3> freeColour(const std::array<int, 3>& aMean, std::vector<bool>
 
 }  // namespace
 
+int coarserLimit(int aRegions) { return std::max(1, static_cast<int>(std::floor(0.8 * aRegions))); }
+
 std::vector<int> defaultRegionCounts(int aPixels, int aLevels) {
   std::vector<int> counts;
   for (int k = 0; k < aLevels; k++) {
     const double t = aLevels > 1 ? static_cast<double>(k) / (aLevels - 1) : 0.0;
     const double area = kFinestArea * std::pow(kCoarsestArea / kFinestArea, t);
-    counts.push_back(std::max(1, static_cast<int>(std::lround(aPixels / area))));
+    const int count = std::max(1, static_cast<int>(std::lround(aPixels / area)));
+    counts.push_back(counts.empty() ? count : std::min(count, coarserLimit(counts.back())));
   }
   return counts;
 }
@@ -107,7 +110,8 @@ std::vector<CMatrix<int>> segment(const CTensor<float>& aImage, const std::vecto
   CRegionGraph graph(lab, pieces, count);
   graph.absorbSmall(static_cast<int>(kMinPieceFraction * pixels / seeds));
   for (const int target : aCounts) {
-    graph.mergeDownTo(std::max(target, 1));
+    // An image with fewer regions than asked for must still shrink per level.
+    graph.mergeDownTo(levels.empty() ? std::max(target, 1) : std::min(target, coarserLimit(graph.count())));
     levels.push_back(graph.labels());
   }
   return levels;
