@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
@@ -82,15 +83,33 @@ void printOptions() {
     std::cout << "  " << option.name << "  " << option.text << std::endl;
 }
 
+void warn(int aPosition, const char* aWhat, const char* aText, const char* aProblem, const std::string& aUsed) {
+  std::cerr << "Warning: argument " << aPosition << ": " << aWhat << " '" << aText << "' " << aProblem << "; using "
+            << aUsed << std::endl;
+}
+
+// Text that strtod does not read to its end is taken as read (0 when no
+// number begins it), as the command line always has, but named in a warning.
+void warnUnlessNumber(const char* aText, int aPosition, const char* aWhat, const std::string& aUsed) {
+  char* end = nullptr;
+  std::strtod(aText, &end);
+  if (end == aText || *end != '\0') warn(aPosition, aWhat, aText, "is not a number", aUsed);
+}
+
 // strtod truncated toward zero; values without an int representation are
-// reported instead of being converted with undefined behaviour.
+// reported or clamped instead of being converted with undefined behaviour.
 int truncatedArgument(const char* aText, int aPosition, const char* aWhat) {
   const double value = std::strtod(aText, nullptr);
   if (std::isnan(value))
     throw fail("argument " + std::to_string(aPosition) + ": " + aWhat + " '" + aText + "' is not a number");
-  if (value >= 2147483648.0) return INT_MAX;
-  if (value <= -2147483649.0) return INT_MIN;
-  return static_cast<int>(value);
+  if (value >= 2147483648.0 || value <= -2147483649.0) {
+    const int clamped = value > 0 ? INT_MAX : INT_MIN;
+    warn(aPosition, aWhat, aText, "is beyond the int range", std::to_string(clamped));
+    return clamped;
+  }
+  const int truncated = static_cast<int>(value);
+  warnUnlessNumber(aText, aPosition, aWhat, std::to_string(truncated));
+  return truncated;
 }
 
 // Returns false when the program must end right away with status aStatus.
@@ -140,6 +159,9 @@ bool parseArguments(int argc, char** argv, CSettings& aSettings, int& aStatus) {
     // all (a division by zero), outside [0, 1) the mix has no meaning.
     if (!(aSettings.aAlpha >= 0.0f && aSettings.aAlpha < 1.0f))
       throw fail(std::string("argument 5: alpha '") + args[5] + "' must be a number from 0 up to (not including) 1");
+    std::ostringstream used;
+    used << aSettings.aAlpha;
+    warnUnlessNumber(args[5], 5, "alpha", used.str());
     aSettings.outChoice = N >= 6 ? truncatedArgument(args[6], 6, "output mode") : 0;
   }
   mShowInit = aSettings.outChoice == 2;

@@ -174,3 +174,31 @@ TEST(Process, ResultNamesUpToTheFileSystemsLimitAreWritten) {
   EXPECT_EQ(segmented.status, 0) << segmented.err;
   EXPECT_TRUE(NTest::fileExists(dir.file(segmentBase + "_seg0.ppm")));
 }
+
+TEST(Process, ThreadCountsBeyondTheCoresAreCappedAndUnstartableThreadsReported) {
+  NTest::CScratchDir single;
+  writeScene(single, "img", 24, 16);
+  const std::vector<std::string> args = {"img.ppm", "1", "lab.ppm"};
+  ASSERT_EQ(NTest::run(TARNWICK_EXE, args, single.path(), {"OMP_NUM_THREADS=1"}).status, 0);
+  const struct {
+    std::vector<std::string> env;
+    int status;
+    const char* message;
+  } cases[] = {
+      {{"OMP_NUM_THREADS=100000"}, 0, ""},
+      // Two threads even on one core; no second thread gets its stack.
+      {{"OMP_NUM_THREADS=2", "OMP_STACKSIZE=1000000G"}, 2, "Error: the worker threads could not be started"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.env.back());
+    NTest::CScratchDir dir;
+    writeScene(dir, "img", 24, 16);
+    const CRunResult result = NTest::run(TARNWICK_EXE, args, dir.path(), c.env);
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.status, c.status) << result.err;
+    EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    if (c.status != 0) continue;
+    for (const std::string& name : NTest::listDir(single.file("TarnwickResults")))
+      EXPECT_EQ(NTest::readFile(dir.file("TarnwickResults/" + name)), NTest::readFile(single.file("TarnwickResults/" + name)));
+  }
+}

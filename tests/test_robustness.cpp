@@ -244,3 +244,27 @@ TEST(Robustness, LegalPixmapHeadersGiveTheResultsOfThePlainHeader) {
       EXPECT_EQ(NTest::readFile(scene.results() + "/" + name), NTest::readFile(plain.results() + "/" + name)) << name;
   }
 }
+
+TEST(Robustness, ArgumentsThatAreNoNumbersAreReadAsBeforeWithAWarning) {
+  const struct {
+    std::vector<std::string> args;
+    const char* warning;
+  } cases[] = {
+      {{"img.ppm", "1", "tracks.dat", "frame_7"}, "argument 4: frame number 'frame_7' is not a number; using 0"},
+      {{"img.ppm", "1", "tracks.dat", "7th"}, "argument 4: frame number '7th' is not a number; using 7"},
+      {{"img.ppm", "1", "tracks.dat", "1e10"}, "argument 4: frame number '1e10' is beyond the int range; using 2147483647"},
+      {{"img.ppm", "1", "lab.ppm", "0", "abc"}, "argument 5: alpha 'abc' is not a number; using 0"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.5x"}, "argument 5: alpha '0.5x' is not a number; using 0.5"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "abc"}, "argument 6: output mode 'abc' is not a number; using 0"},
+      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "1e12"}, "argument 6: output mode '1e12' is beyond the int range; using 2147483647"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.warning);
+    CScene scene;
+    // A point in each frame the cases select.
+    NTest::writeFile(scene.dir.file("tracks.dat"), "0 1\n3 3\n2 3 0\n4 5 7\n6 7 2147483647\n");
+    const CRunResult result = scene.run(c.args);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.err, "Warning: " + std::string(c.warning) + "\n");
+  }
+}
