@@ -57,7 +57,10 @@ py::tuple label(const py::handle& aImage, const py::handle& aLabels, const py::h
   // At 1 the unlabelled pixels have no weight at all (a division by zero).
   if (!(settings.alpha >= 0.0f && settings.alpha < 1.0f))
     throw py::value_error("alpha must be a number from 0 up to (not including) 1, not " + std::to_string(aAlpha));
-  if (aConverged) throw py::value_error("converged=True: the converged mode is not available in this build");
+  if (aConverged) {
+    PyErr_SetString(PyExc_NotImplementedError, "converged=True: the converged mode is not available in this build");
+    throw py::error_already_set();
+  }
   CTensor<float> soft;
   CMatrix<int> hard;
   {
@@ -172,11 +175,10 @@ of regions of the level before. Runs without the global interpreter lock.)doc";
 const char* const kColourizeDoc = R"doc(colourize(degrees, colours=None) -> HxWx3 uint8 array
 
 Paints a labelling as the result files of the command line: every pixel in the
-mix of the label colours weighted by its degrees (on white where they sum to
-less than 1).
+sum of the label colours weighted by its degrees.
 
 degrees  HxWxL float array (the soft result) or HxW integer label numbers
-         (the hard result; -1 stays white).
+         (the hard result; -1, a pixel without label, is painted black).
 colours  Lx3 uint8 array with the colour of every label, e.g. label_colours()
          of the scribbles; by default the fixed palette of track labels.
 
