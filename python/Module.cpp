@@ -87,8 +87,10 @@ py::list segment(const py::handle& aImage, int aLevels, const std::optional<std:
                             std::to_string(aLevels) + ", one per level needed");
     for (size_t k = 0; k < counts.size(); k++) {
       if (counts[k] < 1) throw py::value_error("regions: every region count must be at least 1");
-      if (k > 0 && counts[k] > counts[k - 1])
-        throw py::value_error("regions: the counts must not grow from fine to coarse (levels are nested)");
+      if (k > 0 && counts[k] > NSegment::coarserLimit(counts[k - 1]))
+        throw py::value_error("regions: " + std::to_string(counts[k]) + " regions after " +
+                              std::to_string(counts[k - 1]) +
+                              ": each level needs at most 0.8 times the regions of the one before");
     }
   } else {
     counts = NSegment::defaultRegionCounts(image.xSize() * image.ySize(), aLevels);
@@ -136,6 +138,34 @@ py::array_t<std::uint8_t> labelColours(const py::handle& aLabels) {
   return result;
 }
 
+// A file the library could not read or write; it has printed the reason.
+[[noreturn]] void fileFailure(const std::string& aWhat, const std::string& aPath) {
+  PyErr_SetString(PyExc_OSError,
+                  ("tarnwick: cannot " + aWhat + " " + aPath + " (the reason is printed on standard error)").c_str());
+  throw py::error_already_set();
+}
+
+py::array_t<std::uint8_t> readImage(const std::string& aPath) {
+  CTensor<float> image;
+  try {
+    image.readFromPPM(aPath.c_str());
+  } catch (const EFileError&) {
+    fileFailure("read", aPath);
+  } catch (const EInvalidFileFormat&) {
+    fileFailure("read", aPath);
+  }
+  return NPython::byteImage(NSegment::toColour(image));
+}
+
+void writeImage(const std::string& aPath, const py::handle& aImage) {
+  CTensor<float> image = NPython::colourImage(aImage, "image");
+  try {
+    image.writeToPPM(aPath.c_str());
+  } catch (const EFileError&) {
+    fileFailure("write", aPath);
+  }
+}
+
 const char* const kLabelDoc = R"doc(label(image, labels, segmentations=(), alpha=0.3, converged=False) -> (soft, hard)
 
 Turns a sparse labelling of an image into a dense one, exactly as the command
@@ -164,9 +194,9 @@ as `tarnwick-segment IMAGE k` makes.
 
 image    HxWx3 or HxW (grey) uint8 array.
 k        number of levels, 0 to 10.
-regions  region count per level, fine to coarse, none larger than the one
-         before; by default pixels/500 for the finest, pixels/3000 for the
-         coarsest level and geometric steps between.
+regions  region count per level, fine to coarse, each at most 0.8 times the
+         one before (1 may follow 1); by default pixels/500 for the finest,
+         pixels/3000 for the coarsest level and geometric steps between.
 
 Returns k HxW int32 region maps; regions are numbered 0, 1, ... in row order
 of their first pixel, are 4-connected, and every region of a level is a union
@@ -185,6 +215,16 @@ colours  Lx3 uint8 array with the colour of every label, e.g. label_colours()
 colourize(soft, label_colours(scribbles)) equals the file NAME_dense_soft and
 colourize(hard, label_colours(scribbles)) the file NAME_dense.)doc";
 
+const char* const kReadImageDoc = R"doc(read_image(path) -> HxWx3 uint8 array
+
+An image file as the command line reads it (a binary pixmap; grey is repeated
+into three channels). Raises OSError when the file cannot be read.)doc";
+
+const char* const kWriteImageDoc = R"doc(write_image(path, image)
+
+Writes an HxWx3 (or HxW grey) uint8 array as a binary pixmap, atomically, as
+the command line writes its results. Raises OSError when that fails.)doc";
+
 const char* const kLabelColoursDoc = R"doc(label_colours(labels) -> Lx3 uint8 array
 
 The colours of an HxWx3 uint8 colour label image in the order label() numbers
@@ -199,4 +239,6 @@ PYBIND11_MODULE(tarnwick, aModule) {
   aModule.def("segment", &segment, kSegmentDoc, py::arg("image"), py::arg("k"), py::arg("regions") = py::none());
   aModule.def("colourize", &colourize, kColourizeDoc, py::arg("degrees"), py::arg("colours") = py::none());
   aModule.def("label_colours", &labelColours, kLabelColoursDoc, py::arg("labels"));
+  aModule.def("read_image", &readImage, kReadImageDoc, py::arg("path"));
+  aModule.def("write_image", &writeImage, kWriteImageDoc, py::arg("path"), py::arg("image"));
 }

@@ -153,6 +153,17 @@ def test_calls_in_parallel_threads_give_the_sequential_results(demo):
         assert same_bits(got[0], want[0]) and same_bits(got[1], want[1])
 
 
+def test_images_read_and_written_as_the_command_line_does(demo, tmp_path):
+    image = demo[0]
+    assert same_bits(tarnwick.read_image(os.path.join(EXAMPLES, "demo.ppm")), image)
+    tarnwick.write_image(str(tmp_path / "grey.ppm"), image[:, :, 0])
+    assert same_bits(tarnwick.read_image(str(tmp_path / "grey.ppm")), np.dstack([image[:, :, 0]] * 3))
+    with pytest.raises(OSError, match="cannot read"):
+        tarnwick.read_image(str(tmp_path / "missing.ppm"))
+    with pytest.raises(OSError, match="cannot write"):
+        tarnwick.write_image(str(tmp_path / "no" / "such.ppm"), image)
+
+
 def test_colourize_paints_hard_labels_with_the_palette():
     hard = np.array([[0, 1], [-1, 1]])
     painted = tarnwick.colourize(hard)
@@ -187,7 +198,7 @@ LABELS = np.array([[0] + [-1] * 4] * 3 + [[-1] * 4 + [1]])
     (lambda: tarnwick.label(IMAGE, LABELS, alpha="0.3"), TypeError, "incompatible function arguments"),
     (lambda: tarnwick.segment(IMAGE, 11), ValueError, "k must be a level count from 0 to 10"),
     (lambda: tarnwick.segment(IMAGE, 2, regions=[3]), ValueError, "1 count(s) given for k = 2"),
-    (lambda: tarnwick.segment(IMAGE, 2, regions=[3, 4]), ValueError, "must not grow from fine to coarse"),
+    (lambda: tarnwick.segment(IMAGE, 2, regions=[5, 5]), ValueError, "5 regions after 5: each level needs at most 0.8"),
     (lambda: tarnwick.segment(IMAGE, 1, regions=[0]), ValueError, "at least 1"),
     (lambda: tarnwick.colourize(np.zeros((2, 2, 3), np.int32)), TypeError, "floating-point dtype"),
     (lambda: tarnwick.colourize(LABELS, np.zeros((1, 3), np.uint8)), ValueError, "1 colours for 2 labels"),
