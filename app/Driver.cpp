@@ -16,8 +16,6 @@
 #include <vector>
 
 #include "CErrors.h"
-#include "CFilter.h"
-#include "CHierarchy.h"
 #include "CTensor.h"
 #include "CUtility.h"
 #include "Labelling.h"
@@ -42,11 +40,11 @@ constexpr int kFailure = 2;
 constexpr int kMaxLabels = 256;
 
 // A failure of the run whose message has already been printed.
-struct CRunFailure {};
+class ERunFailure : public ETarnwickError {};
 
-CRunFailure fail(const std::string& aMessage) {
+ERunFailure fail(const std::string& aMessage) {
   std::cerr << "Error: " << aMessage << std::endl;
-  return CRunFailure{};
+  return ERunFailure{};
 }
 
 struct CSettings {
@@ -325,14 +323,7 @@ int main(int argc, char** args, ESolverPath aPath, CRunStats* aStats) {
   // Every exception of the system prints its own message when it is made.
   try {
     return run(argc, args, aPath, aStats);
-  } catch (const CRunFailure&) {
-  } catch (const EFileError&) {
-  } catch (const EInvalidFileFormat&) {
-  } catch (const ETensorIncompatibleSize&) {
-  } catch (const EFilterIncompatibleSize&) {
-  } catch (const EFilterNotAvailable&) {
-  } catch (const EMissingLabelColors&) {
-  } catch (const CHierarchy::EMissingLayers&) {
+  } catch (const ETarnwickError&) {
   } catch (const std::bad_alloc&) {
     std::cerr << "Error: out of memory" << std::endl;
   } catch (const std::exception& error) {

@@ -6,8 +6,11 @@
 #include <iostream>
 #include <string>
 
+// Root of every exception class of the system: catching it catches them all.
+class ETarnwickError {};
+
 // A file whose magic number is not one the reader knows.
-class EInvalidFileFormat {
+class EInvalidFileFormat : public ETarnwickError {
 public:
   explicit EInvalidFileFormat(const char* aFormat, const std::string& aFile = "") {
     std::cerr << "Exception EInvalidFileFormat: File is not in " << aFormat << " format";
@@ -18,7 +21,7 @@ public:
 
 // Any other problem with a file the tool reads or writes: the message names
 // the file and what is wrong with it.
-class EFileError {
+class EFileError : public ETarnwickError {
 public:
   explicit EFileError(const std::string& aMessage) { std::cerr << aMessage << std::endl; }
   EFileError(const std::string& aFile, const std::string& aProblem) {

@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <iostream>
 
+#include "CErrors.h"
 #include "CMatrix.h"
 #include "CVector.h"
 
-class EFilterIncompatibleSize {
+class EFilterIncompatibleSize : public ETarnwickError {
 public:
   EFilterIncompatibleSize(int aInitialSize, int aResultSize) {
     std::cerr << "Exception EFilterIncompatibleSize: Initial container size: " << aInitialSize
@@ -16,7 +17,7 @@ public:
   }
 };
 
-class EFilterNotAvailable {
+class EFilterNotAvailable : public ETarnwickError {
 public:
   EFilterNotAvailable(int aSize, int aOrder) {
     std::cerr << "Exception EFilterNotAvailable: derivative of order " << aOrder << " with " << aSize

@@ -6,12 +6,13 @@
 #include <memory>
 #include <vector>
 
+#include "CErrors.h"
 #include "CSuperpixelLayer.h"
 #include "CTensor.h"
 
 class CHierarchy {
 public:
-  class EMissingLayers {
+  class EMissingLayers : public ETarnwickError {
   public:
     explicit EMissingLayers(int aNumber) {
       std::cerr << "Exception EMissingLayers: " << aNumber << " is too less layers" << std::endl;

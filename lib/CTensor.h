@@ -8,10 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "CErrors.h"
 #include "CMatrix.h"
 #include "CPixmap.h"
 
-class ETensorIncompatibleSize {
+class ETensorIncompatibleSize : public ETarnwickError {
 public:
   ETensorIncompatibleSize(int a, int b, int c, int d) {
     std::cerr << "Exception ETensorIncompatibleSize: x = " << a << ":" << c << ", y = " << b << ":" << d

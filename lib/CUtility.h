@@ -7,13 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "CErrors.h"
 #include "CMatrix.h"
 #include "CTensor.h"
 #include "CVector.h"
 
 // A colour list (or the palette) with fewer colours than the label function
 // has labels.
-class EMissingLabelColors {
+class EMissingLabelColors : public ETarnwickError {
 public:
   EMissingLabelColors(int aColors, int aLabels) {
     std::cerr << "Exception EMissingLabelColors: " << aColors << " colours for " << aLabels << " labels"

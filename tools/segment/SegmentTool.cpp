@@ -196,9 +196,7 @@ int main(int argc, char** argv) {
     return 0;
   } catch (const EArgumentError&) {
     return 2;
-  } catch (const EFileError&) {
-    return 1;
-  } catch (const EInvalidFileFormat&) {
+  } catch (const ETarnwickError&) {
     return 1;
   } catch (const std::bad_alloc&) {
     std::cerr << "Error: not enough memory" << std::endl;

@@ -4,10 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "CErrors.h"
+
 namespace NSegmentTool {
 
 // A bad command line; prints "Error: <argument>: <problem>" and a hint.
-class EArgumentError {
+class EArgumentError : public ETarnwickError {
 public:
   EArgumentError(const std::string& aArgument, const std::string& aProblem);
 };
