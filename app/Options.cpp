@@ -8,6 +8,7 @@ namespace NDriver {
 const std::vector<COptionHelp>& optionHelp() {
   static const std::vector<COptionHelp> help = {
       {"--help", "print this text and end"},
+      {"--converged", "solve the labelling to convergence (labelled pixels fixed); alpha is not used"},
   };
   return help;
 }
@@ -38,6 +39,8 @@ std::vector<char*> splitOptions(int argc, char** argv, COptions& aOptions) {
     splitValue(argv[i], name, value, hasValue);
     if (name == "--help" && !hasValue) {
       aOptions.help = true;
+    } else if (name == "--converged" && !hasValue) {
+      aOptions.converged = true;
     } else {
       throw std::invalid_argument("unknown option '" + std::string(argv[i]) + "' (see --help)");
     }

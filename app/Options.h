@@ -9,6 +9,7 @@ namespace NDriver {
 
 struct COptions {
   bool help = false;
+  bool converged = false;  // solve the degrees to convergence instead of the exact run
 };
 
 struct COptionHelp {

@@ -1,0 +1,333 @@
+#include "CMultilevelSolver.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace NConverged {
+
+namespace {
+
+// Systems this small are solved directly.
+constexpr int kDirectLimit = 400;
+// A link is strong when it weighs at least this share of the node's strongest.
+constexpr float kStrongShare = 0.25f;
+// A node whose diagonal exceeds its links this many times over is handled
+// by the smoother alone (typically a pixel beside many labelled ones).
+constexpr float kDominance = 5.0f;
+// Coarsening that keeps more than this share of the nodes has stalled.
+constexpr double kStall = 0.85;
+constexpr int kMaxLevels = 40;
+
+// Pairs every node with its strongest unpaired neighbour, when that link is
+// strong; returns the number of groups.
+int pairNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
+  const int n = aMatrix.nodeCount();
+  aGroup.assign(static_cast<size_t>(n), -2);
+  int groups = 0;
+  for (int i = 0; i < n; i++) {
+    float sum = 0.0f;
+    float strongest = 0.0f;
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      sum += aMatrix.mWeight[e];
+      strongest = std::max(strongest, aMatrix.mWeight[e]);
+    }
+    if (aMatrix.mDiagonal[i] > kDominance * sum) aGroup[i] = -1;
+  }
+  for (int i = 0; i < n; i++) {
+    if (aGroup[i] != -2) continue;
+    float strongest = 0.0f;
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) strongest = std::max(strongest, aMatrix.mWeight[e]);
+    int partner = -1;
+    float best = kStrongShare * strongest;
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      const int j = aMatrix.mNeighbour[e];
+      if (j != i && aGroup[j] == -2 && aMatrix.mWeight[e] >= best && aMatrix.mWeight[e] > 0.0f) {
+        best = aMatrix.mWeight[e];
+        partner = j;
+      }
+    }
+    aGroup[i] = groups;
+    if (partner >= 0) aGroup[partner] = groups;
+    groups++;
+  }
+  return groups;
+}
+
+// The Galerkin product P^T A P for the piecewise constant P of aGroup.
+CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup, int aGroups) {
+  const int n = aMatrix.nodeCount();
+  std::vector<int> memberStart(static_cast<size_t>(aGroups) + 1, 0);
+  for (int i = 0; i < n; i++)
+    if (aGroup[i] >= 0) memberStart[aGroup[i] + 1]++;
+  for (int g = 0; g < aGroups; g++) memberStart[g + 1] += memberStart[g];
+  std::vector<int> members(static_cast<size_t>(memberStart.back()));
+  std::vector<int> fill(memberStart.begin(), memberStart.end() - 1);
+  for (int i = 0; i < n; i++)
+    if (aGroup[i] >= 0) members[fill[aGroup[i]]++] = i;
+
+  CSparseGraph coarse;
+  coarse.mDiagonal.assign(static_cast<size_t>(aGroups), 0.0f);
+  coarse.mStart.assign(1, 0);
+  std::vector<int> slot(static_cast<size_t>(aGroups), -1);
+  for (int g = 0; g < aGroups; g++) {
+    const int rowStart = coarse.linkCount();
+    float diagonal = 0.0f;
+    for (int m = memberStart[g]; m < memberStart[g + 1]; m++) {
+      const int i = members[m];
+      diagonal += aMatrix.mDiagonal[i];
+      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+        const int h = aGroup[aMatrix.mNeighbour[e]];
+        if (h < 0) continue;
+        if (h == g) {
+          diagonal -= aMatrix.mWeight[e];
+        } else if (slot[h] < 0) {
+          slot[h] = coarse.linkCount();
+          coarse.mNeighbour.push_back(h);
+          coarse.mWeight.push_back(aMatrix.mWeight[e]);
+        } else {
+          coarse.mWeight[slot[h]] += aMatrix.mWeight[e];
+        }
+      }
+    }
+    for (int e = rowStart; e < coarse.linkCount(); e++) slot[coarse.mNeighbour[e]] = -1;
+    coarse.mDiagonal[g] = diagonal;
+    coarse.mStart.push_back(coarse.linkCount());
+  }
+  return coarse;
+}
+
+// One Gauss-Seidel sweep over all columns, forward or backward.
+void relax(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX,
+           int aColumns, bool aForward, float* aSum) {
+  const int n = aMatrix.nodeCount();
+  for (int step = 0; step < n; step++) {
+    const int i = aForward ? step : n - 1 - step;
+    const float* rhs = aRhs + static_cast<size_t>(i) * aColumns;
+    for (int c = 0; c < aColumns; c++) aSum[c] = rhs[c];
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      const float w = aMatrix.mWeight[e];
+      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * aColumns;
+      for (int c = 0; c < aColumns; c++) aSum[c] += w * xj[c];
+    }
+    float* xi = aX + static_cast<size_t>(i) * aColumns;
+    for (int c = 0; c < aColumns; c++) xi[c] = aSum[c] * aInverseDiagonal[i];
+  }
+}
+
+// aOut = A aX.
+void multiply(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
+  const int n = aMatrix.nodeCount();
+  for (int i = 0; i < n; i++) {
+    float* out = aOut + static_cast<size_t>(i) * aColumns;
+    const float* xi = aX + static_cast<size_t>(i) * aColumns;
+    for (int c = 0; c < aColumns; c++) out[c] = aMatrix.mDiagonal[i] * xi[c];
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      const float w = aMatrix.mWeight[e];
+      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * aColumns;
+      for (int c = 0; c < aColumns; c++) out[c] -= w * xj[c];
+    }
+  }
+}
+
+// Per column the sum of aA * aB over the nodes, in node order.
+void columnDots(const float* aA, const float* aB, int aNodes, int aColumns, std::vector<double>& aDots) {
+  aDots.assign(static_cast<size_t>(aColumns), 0.0);
+  for (int i = 0; i < aNodes; i++)
+    for (int c = 0; c < aColumns; c++)
+      aDots[c] += static_cast<double>(aA[static_cast<size_t>(i) * aColumns + c]) * aB[static_cast<size_t>(i) * aColumns + c];
+}
+
+}  // namespace
+
+// Right-hand sides, solutions and residuals of every level for one solve.
+struct CMultilevelSolver::CWork {
+  int mColumns = 0;
+  std::vector<std::vector<float>> mRhs;
+  std::vector<std::vector<float>> mX;
+  std::vector<float> mResidual;
+  std::vector<float> mSum;
+};
+
+CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
+  mLevels.emplace_back();
+  mLevels.back().mMatrix = std::move(aMatrix);
+  while (mLevels.back().mMatrix.nodeCount() > kDirectLimit && static_cast<int>(mLevels.size()) < kMaxLevels) {
+    CLevel& fine = mLevels.back();
+    std::vector<int> first;
+    const int firstCount = pairNodes(fine.mMatrix, first);
+    const CSparseGraph paired = coarsen(fine.mMatrix, first, firstCount);
+    std::vector<int> second;
+    const int coarseCount = pairNodes(paired, second);
+    if (coarseCount > kStall * fine.mMatrix.nodeCount()) break;
+    fine.mAggregate.resize(first.size());
+    for (size_t i = 0; i < first.size(); i++) fine.mAggregate[i] = first[i] < 0 ? -1 : second[first[i]];
+    fine.mCoarseCount = coarseCount;
+    CSparseGraph coarse = coarsen(paired, second, coarseCount);
+    mLevels.emplace_back();
+    mLevels.back().mMatrix = std::move(coarse);
+  }
+  for (CLevel& level : mLevels) {
+    level.mInverseDiagonal.resize(level.mMatrix.mDiagonal.size());
+    for (size_t i = 0; i < level.mInverseDiagonal.size(); i++) level.mInverseDiagonal[i] = 1.0f / level.mMatrix.mDiagonal[i];
+  }
+  factorCoarsest();
+}
+
+void CMultilevelSolver::factorCoarsest() {
+  const CSparseGraph& matrix = mLevels.back().mMatrix;
+  const int n = matrix.nodeCount();
+  if (n > kDirectLimit) return;
+  mCholesky.assign(static_cast<size_t>(n) * n, 0.0);
+  for (int i = 0; i < n; i++) {
+    mCholesky[static_cast<size_t>(i) * n + i] = matrix.mDiagonal[i];
+    for (int e = matrix.mStart[i]; e < matrix.mStart[i + 1]; e++)
+      mCholesky[static_cast<size_t>(i) * n + matrix.mNeighbour[e]] -= matrix.mWeight[e];
+  }
+  for (int j = 0; j < n; j++) {
+    double* rowJ = &mCholesky[static_cast<size_t>(j) * n];
+    for (int k = 0; k < j; k++) rowJ[j] -= rowJ[k] * rowJ[k];
+    rowJ[j] = std::sqrt(std::max(rowJ[j], 1e-300));
+    for (int i = j + 1; i < n; i++) {
+      double* rowI = &mCholesky[static_cast<size_t>(i) * n];
+      double sum = rowI[j];
+      for (int k = 0; k < j; k++) sum -= rowI[k] * rowJ[k];
+      rowI[j] = sum / rowJ[j];
+    }
+  }
+}
+
+void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
+  const int last = levelCount() - 1;
+  const CLevel& level = mLevels[last];
+  const int n = level.mMatrix.nodeCount();
+  const int columns = aWork.mColumns;
+  const float* rhs = aWork.mRhs[last].data();
+  float* x = aWork.mX[last].data();
+  if (mCholesky.empty()) {
+    // Coarsening stalled above the direct size: symmetric sweeps instead.
+    std::fill(x, x + static_cast<size_t>(n) * columns, 0.0f);
+    for (int sweep = 0; sweep < 10; sweep++) {
+      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true, aWork.mSum.data());
+      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false, aWork.mSum.data());
+    }
+    return;
+  }
+  std::vector<double> y(static_cast<size_t>(n));
+  for (int c = 0; c < columns; c++) {
+    for (int i = 0; i < n; i++) {
+      double sum = rhs[static_cast<size_t>(i) * columns + c];
+      for (int k = 0; k < i; k++) sum -= mCholesky[static_cast<size_t>(i) * n + k] * y[k];
+      y[i] = sum / mCholesky[static_cast<size_t>(i) * n + i];
+    }
+    for (int i = n - 1; i >= 0; i--) {
+      double sum = y[i];
+      for (int k = i + 1; k < n; k++) sum -= mCholesky[static_cast<size_t>(k) * n + i] * y[k];
+      y[i] = sum / mCholesky[static_cast<size_t>(i) * n + i];
+    }
+    for (int i = 0; i < n; i++) x[static_cast<size_t>(i) * columns + c] = static_cast<float>(y[i]);
+  }
+}
+
+// A symmetric V-cycle from a zero guess: forward sweep, coarse correction of
+// the residual, backward sweep.
+void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
+  if (aLevel == levelCount() - 1) {
+    solveCoarsest(aWork);
+    return;
+  }
+  const CLevel& level = mLevels[aLevel];
+  const int n = level.mMatrix.nodeCount();
+  const int columns = aWork.mColumns;
+  const float* rhs = aWork.mRhs[aLevel].data();
+  float* x = aWork.mX[aLevel].data();
+  std::fill(x, x + static_cast<size_t>(n) * columns, 0.0f);
+  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true, aWork.mSum.data());
+  float* residual = aWork.mResidual.data();
+  multiply(level.mMatrix, x, residual, columns);
+  std::vector<float>& coarseRhs = aWork.mRhs[aLevel + 1];
+  std::fill(coarseRhs.begin(), coarseRhs.end(), 0.0f);
+  for (int i = 0; i < n; i++) {
+    const int g = level.mAggregate[i];
+    if (g < 0) continue;
+    for (int c = 0; c < columns; c++)
+      coarseRhs[static_cast<size_t>(g) * columns + c] +=
+          rhs[static_cast<size_t>(i) * columns + c] - residual[static_cast<size_t>(i) * columns + c];
+  }
+  cycle(aLevel + 1, aWork);
+  const float* coarseX = aWork.mX[aLevel + 1].data();
+  for (int i = 0; i < n; i++) {
+    const int g = level.mAggregate[i];
+    if (g < 0) continue;
+    for (int c = 0; c < columns; c++) x[static_cast<size_t>(i) * columns + c] += coarseX[static_cast<size_t>(g) * columns + c];
+  }
+  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false, aWork.mSum.data());
+}
+
+CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance,
+                                      int aMaxIterations) const {
+  const int n = mLevels[0].mMatrix.nodeCount();
+  const size_t size = static_cast<size_t>(n) * aColumns;
+  CWork work;
+  work.mColumns = aColumns;
+  for (const CLevel& level : mLevels) {
+    work.mRhs.emplace_back(static_cast<size_t>(level.mMatrix.nodeCount()) * aColumns);
+    work.mX.emplace_back(static_cast<size_t>(level.mMatrix.nodeCount()) * aColumns);
+  }
+  work.mResidual.resize(size);
+  work.mSum.resize(static_cast<size_t>(aColumns));
+
+  std::vector<float>& r = work.mRhs[0];
+  std::vector<float>& z = work.mX[0];
+  std::vector<float> p(size);
+  std::vector<float> q(size);
+  float* x = aSolution;
+  std::fill(x, x + size, 0.0f);
+  std::copy(aRhs, aRhs + size, r.begin());
+
+  std::vector<double> rhsNorm;
+  columnDots(aRhs, aRhs, n, aColumns, rhsNorm);
+  std::vector<bool> active(static_cast<size_t>(aColumns));
+  for (int c = 0; c < aColumns; c++) active[c] = rhsNorm[c] > 0.0;
+  CSolveResult result;
+  std::vector<double> rz;
+  std::vector<double> pq;
+  std::vector<double> rr;
+  std::vector<float> alpha(static_cast<size_t>(aColumns));
+  std::vector<float> beta(static_cast<size_t>(aColumns));
+  cycle(0, work);
+  columnDots(r.data(), z.data(), n, aColumns, rz);
+  p = z;
+  for (int iteration = 1; iteration <= aMaxIterations; iteration++) {
+    if (std::none_of(active.begin(), active.end(), [](bool a) { return a; })) break;
+    multiply(mLevels[0].mMatrix, p.data(), q.data(), aColumns);
+    columnDots(p.data(), q.data(), n, aColumns, pq);
+    for (int c = 0; c < aColumns; c++) alpha[c] = active[c] && pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
+    for (size_t k = 0; k < size; k++) {
+      const int c = static_cast<int>(k % aColumns);
+      x[k] += alpha[c] * p[k];
+      r[k] -= alpha[c] * q[k];
+    }
+    columnDots(r.data(), r.data(), n, aColumns, rr);
+    for (int c = 0; c < aColumns; c++) {
+      if (!active[c]) continue;
+      const double relative = std::sqrt(rr[c] / rhsNorm[c]);
+      result.mIterations = std::max(result.mIterations, iteration);
+      if (relative <= aTolerance || iteration == aMaxIterations) {
+        active[c] = false;
+        result.mLargestResidual = std::max(result.mLargestResidual, relative);
+      }
+    }
+    cycle(0, work);
+    std::vector<double> rzNew;
+    columnDots(r.data(), z.data(), n, aColumns, rzNew);
+    for (int c = 0; c < aColumns; c++) {
+      beta[c] = active[c] && rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
+      rz[c] = rzNew[c];
+    }
+    for (size_t k = 0; k < size; k++) p[k] = z[k] + beta[k % aColumns] * p[k];
+  }
+  return result;
+}
+
+}  // namespace NConverged

@@ -1,0 +1,50 @@
+// The converged labelling: every unlabelled pixel's degrees solved to
+// convergence on a weighted graph of the pixels and the superpixel regions,
+// with the labelled pixels held fixed.
+#pragma once
+
+#include <vector>
+
+#include "CMatrix.h"
+#include "CTensor.h"
+
+namespace NConverged {
+
+struct CConvergedParameters {
+  // Pixel edges weigh exp(-beta * |dI|^2 / mean |dI|^2).
+  float mBeta = 4.0f;
+  // Links to regions weigh exp(-gate * d^2 / mean d^2), d the colour
+  // distance of a pixel to its region's mean or of a region to its parent's.
+  float mGate = 1.0f;
+  // Weight of a pixel's link to its finest region at 320x240; it falls with
+  // the square root of the pixel count so that it keeps its share against
+  // region boundaries, whose length grows with the resolution.
+  float mPixelLink = 0.05f;
+  // A region's link to its parent, per pixel of the region, relative to the
+  // pixel link.
+  float mParentLink = 0.5f;
+  // The solve stops once every label's residual is below this fraction of
+  // its right-hand side (2-norms).
+  float mTolerance = 1e-4f;
+  int mMaxIterations = 300;
+};
+
+// What a solve did, for transcripts and benchmarks.
+struct CConvergedReport {
+  int mUnknowns = 0;
+  int mLevels = 0;
+  int mIterations = 0;           // the most any label needed
+  double mLargestResidual = 0;   // relative, over the labels
+};
+
+// aImage: colour XxYx3. aSegmentations: colour images of the image's size,
+// fine to coarse, each region painted in one colour. aLabelOf: per pixel its
+// label 0 .. aLabelCount - 1, or -1 when unlabelled. Returns the XxYxL
+// degrees; a labelled pixel has degree 1 for its label. The result does not
+// depend on the number of threads.
+CTensor<float> solveConverged(const CTensor<float>& aImage, const std::vector<CTensor<float>>& aSegmentations,
+                              const CMatrix<int>& aLabelOf, int aLabelCount,
+                              const CConvergedParameters& aParameters = CConvergedParameters(),
+                              CConvergedReport* aReport = nullptr);
+
+}  // namespace NConverged
