@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <utility>
+#include <cstdio>
+#include <cstdlib>
 
 namespace NConverged {
 
@@ -11,7 +13,9 @@ namespace {
 // Systems this small are solved directly.
 constexpr int kDirectLimit = 400;
 // A link is strong when it weighs at least this share of the node's strongest.
-constexpr float kStrongShare = 0.25f;
+constexpr float kStrongShare = 0.05f;
+// Largest group of one level.
+constexpr int kGroupSize = 10;
 // A node whose diagonal exceeds its links this many times over is handled
 // by the smoother alone (typically a pixel beside many labelled ones).
 constexpr float kDominance = 5.0f;
@@ -19,21 +23,18 @@ constexpr float kDominance = 5.0f;
 constexpr double kStall = 0.85;
 constexpr int kMaxLevels = 40;
 
-// Pairs every node with its strongest unpaired neighbour, when that link is
-// strong; returns the number of groups.
-int pairNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
+// Groups the nodes along their strongest links: a node joins the group of
+// its strongest neighbour, or starts a new one with it, when that link is
+// strong and the group has room. Returns the number of groups.
+int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
   const int n = aMatrix.nodeCount();
   aGroup.assign(static_cast<size_t>(n), -2);
-  int groups = 0;
   for (int i = 0; i < n; i++) {
     float sum = 0.0f;
-    float strongest = 0.0f;
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-      sum += aMatrix.mWeight[e];
-      strongest = std::max(strongest, aMatrix.mWeight[e]);
-    }
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) sum += aMatrix.mWeight[e];
     if (aMatrix.mDiagonal[i] > kDominance * sum) aGroup[i] = -1;
   }
+  std::vector<int> size;
   for (int i = 0; i < n; i++) {
     if (aGroup[i] != -2) continue;
     float strongest = 0.0f;
@@ -42,16 +43,25 @@ int pairNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
     float best = kStrongShare * strongest;
     for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
       const int j = aMatrix.mNeighbour[e];
-      if (j != i && aGroup[j] == -2 && aMatrix.mWeight[e] >= best && aMatrix.mWeight[e] > 0.0f) {
+      const bool room = aGroup[j] == -2 || (aGroup[j] >= 0 && size[aGroup[j]] < kGroupSize);
+      if (j != i && room && aMatrix.mWeight[e] >= best && aMatrix.mWeight[e] > 0.0f) {
         best = aMatrix.mWeight[e];
         partner = j;
       }
     }
-    aGroup[i] = groups;
-    if (partner >= 0) aGroup[partner] = groups;
-    groups++;
+    if (partner >= 0 && aGroup[partner] >= 0) {
+      aGroup[i] = aGroup[partner];
+      size[aGroup[i]]++;
+      continue;
+    }
+    aGroup[i] = static_cast<int>(size.size());
+    size.push_back(1);
+    if (partner >= 0) {
+      aGroup[partner] = aGroup[i];
+      size.back()++;
+    }
   }
-  return groups;
+  return static_cast<int>(size.size());
 }
 
 // The Galerkin product P^T A P for the piecewise constant P of aGroup.
@@ -97,37 +107,92 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
   return coarse;
 }
 
-// One Gauss-Seidel sweep over all columns, forward or backward.
-void relax(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX,
-           int aColumns, bool aForward, float* aSum) {
+// The kernels below take the column count as a template argument where it
+// is small (0: given at run time) so that the per-column loops unroll; every
+// column goes through the same operations either way.
+template <int kColumns>
+void relaxRows(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX,
+               int aColumns, bool aForward) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  float fixedSum[kColumns > 0 ? kColumns : 1];
+  std::vector<float> runtimeSum(kColumns > 0 ? 0 : static_cast<size_t>(columns));
+  float* sum = kColumns > 0 ? fixedSum : runtimeSum.data();
   const int n = aMatrix.nodeCount();
   for (int step = 0; step < n; step++) {
     const int i = aForward ? step : n - 1 - step;
-    const float* rhs = aRhs + static_cast<size_t>(i) * aColumns;
-    for (int c = 0; c < aColumns; c++) aSum[c] = rhs[c];
+    const float* rhs = aRhs + static_cast<size_t>(i) * columns;
+    for (int c = 0; c < columns; c++) sum[c] = rhs[c];
     for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
       const float w = aMatrix.mWeight[e];
-      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * aColumns;
-      for (int c = 0; c < aColumns; c++) aSum[c] += w * xj[c];
+      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
+      for (int c = 0; c < columns; c++) sum[c] += w * xj[c];
     }
-    float* xi = aX + static_cast<size_t>(i) * aColumns;
-    for (int c = 0; c < aColumns; c++) xi[c] = aSum[c] * aInverseDiagonal[i];
+    float* xi = aX + static_cast<size_t>(i) * columns;
+    for (int c = 0; c < columns; c++) xi[c] = sum[c] * aInverseDiagonal[i];
   }
+}
+
+template <int kColumns>
+void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  const int n = aMatrix.nodeCount();
+  for (int i = 0; i < n; i++) {
+    float* out = aOut + static_cast<size_t>(i) * columns;
+    const float* xi = aX + static_cast<size_t>(i) * columns;
+    for (int c = 0; c < columns; c++) out[c] = aMatrix.mDiagonal[i] * xi[c];
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      const float w = aMatrix.mWeight[e];
+      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
+      for (int c = 0; c < columns; c++) out[c] -= w * xj[c];
+    }
+  }
+}
+
+// The residual b - A x after one forward sweep from zero: row i's own and
+// earlier terms cancel, only the links to later nodes remain.
+template <int kColumns>
+void sweptResidualRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  const int n = aMatrix.nodeCount();
+  for (int i = 0; i < n; i++) {
+    float* out = aOut + static_cast<size_t>(i) * columns;
+    for (int c = 0; c < columns; c++) out[c] = 0.0f;
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      const int j = aMatrix.mNeighbour[e];
+      if (j <= i) continue;
+      const float w = aMatrix.mWeight[e];
+      const float* xj = aX + static_cast<size_t>(j) * columns;
+      for (int c = 0; c < columns; c++) out[c] += w * xj[c];
+    }
+  }
+}
+
+// Calls aKernel<k>(...) with k = aColumns for small counts, else k = 0.
+#define TARNWICK_DISPATCH_COLUMNS(aKernel, aColumns, ...) \
+  switch (aColumns) {                                     \
+    case 1: aKernel<1>(__VA_ARGS__); break;               \
+    case 2: aKernel<2>(__VA_ARGS__); break;               \
+    case 3: aKernel<3>(__VA_ARGS__); break;               \
+    case 4: aKernel<4>(__VA_ARGS__); break;               \
+    case 5: aKernel<5>(__VA_ARGS__); break;               \
+    case 6: aKernel<6>(__VA_ARGS__); break;               \
+    case 8: aKernel<8>(__VA_ARGS__); break;               \
+    default: aKernel<0>(__VA_ARGS__); break;              \
+  }
+
+// One Gauss-Seidel sweep over all columns, forward or backward.
+void relax(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX,
+           int aColumns, bool aForward) {
+  TARNWICK_DISPATCH_COLUMNS(relaxRows, aColumns, aMatrix, aInverseDiagonal, aRhs, aX, aColumns, aForward)
 }
 
 // aOut = A aX.
 void multiply(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
-  const int n = aMatrix.nodeCount();
-  for (int i = 0; i < n; i++) {
-    float* out = aOut + static_cast<size_t>(i) * aColumns;
-    const float* xi = aX + static_cast<size_t>(i) * aColumns;
-    for (int c = 0; c < aColumns; c++) out[c] = aMatrix.mDiagonal[i] * xi[c];
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-      const float w = aMatrix.mWeight[e];
-      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * aColumns;
-      for (int c = 0; c < aColumns; c++) out[c] -= w * xj[c];
-    }
-  }
+  TARNWICK_DISPATCH_COLUMNS(multiplyRows, aColumns, aMatrix, aX, aOut, aColumns)
+}
+
+void sweptResidual(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
+  TARNWICK_DISPATCH_COLUMNS(sweptResidualRows, aColumns, aMatrix, aX, aOut, aColumns)
 }
 
 // Per column the sum of aA * aB over the nodes, in node order.
@@ -146,7 +211,6 @@ struct CMultilevelSolver::CWork {
   std::vector<std::vector<float>> mRhs;
   std::vector<std::vector<float>> mX;
   std::vector<float> mResidual;
-  std::vector<float> mSum;
 };
 
 CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
@@ -154,16 +218,12 @@ CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
   mLevels.back().mMatrix = std::move(aMatrix);
   while (mLevels.back().mMatrix.nodeCount() > kDirectLimit && static_cast<int>(mLevels.size()) < kMaxLevels) {
     CLevel& fine = mLevels.back();
-    std::vector<int> first;
-    const int firstCount = pairNodes(fine.mMatrix, first);
-    const CSparseGraph paired = coarsen(fine.mMatrix, first, firstCount);
-    std::vector<int> second;
-    const int coarseCount = pairNodes(paired, second);
+    std::vector<int> group;
+    const int coarseCount = groupNodes(fine.mMatrix, group);
     if (coarseCount > kStall * fine.mMatrix.nodeCount()) break;
-    fine.mAggregate.resize(first.size());
-    for (size_t i = 0; i < first.size(); i++) fine.mAggregate[i] = first[i] < 0 ? -1 : second[first[i]];
+    CSparseGraph coarse = coarsen(fine.mMatrix, group, coarseCount);
+    fine.mAggregate = std::move(group);
     fine.mCoarseCount = coarseCount;
-    CSparseGraph coarse = coarsen(paired, second, coarseCount);
     mLevels.emplace_back();
     mLevels.back().mMatrix = std::move(coarse);
   }
@@ -172,6 +232,7 @@ CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
     for (size_t i = 0; i < level.mInverseDiagonal.size(); i++) level.mInverseDiagonal[i] = 1.0f / level.mMatrix.mDiagonal[i];
   }
   factorCoarsest();
+  if (getenv("TW_DEBUG")) for (auto& l : mLevels) fprintf(stderr, "level %d nodes %d links\n", l.mMatrix.nodeCount(), l.mMatrix.linkCount());
 }
 
 void CMultilevelSolver::factorCoarsest() {
@@ -208,8 +269,8 @@ void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
     // Coarsening stalled above the direct size: symmetric sweeps instead.
     std::fill(x, x + static_cast<size_t>(n) * columns, 0.0f);
     for (int sweep = 0; sweep < 10; sweep++) {
-      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true, aWork.mSum.data());
-      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false, aWork.mSum.data());
+      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true);
+      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
     }
     return;
   }
@@ -242,17 +303,16 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   const float* rhs = aWork.mRhs[aLevel].data();
   float* x = aWork.mX[aLevel].data();
   std::fill(x, x + static_cast<size_t>(n) * columns, 0.0f);
-  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true, aWork.mSum.data());
+  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true);
   float* residual = aWork.mResidual.data();
-  multiply(level.mMatrix, x, residual, columns);
+  sweptResidual(level.mMatrix, x, residual, columns);
   std::vector<float>& coarseRhs = aWork.mRhs[aLevel + 1];
   std::fill(coarseRhs.begin(), coarseRhs.end(), 0.0f);
   for (int i = 0; i < n; i++) {
     const int g = level.mAggregate[i];
     if (g < 0) continue;
     for (int c = 0; c < columns; c++)
-      coarseRhs[static_cast<size_t>(g) * columns + c] +=
-          rhs[static_cast<size_t>(i) * columns + c] - residual[static_cast<size_t>(i) * columns + c];
+      coarseRhs[static_cast<size_t>(g) * columns + c] += residual[static_cast<size_t>(i) * columns + c];
   }
   cycle(aLevel + 1, aWork);
   const float* coarseX = aWork.mX[aLevel + 1].data();
@@ -261,7 +321,7 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
     if (g < 0) continue;
     for (int c = 0; c < columns; c++) x[static_cast<size_t>(i) * columns + c] += coarseX[static_cast<size_t>(g) * columns + c];
   }
-  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false, aWork.mSum.data());
+  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
 }
 
 CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance,
@@ -275,7 +335,6 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
     work.mX.emplace_back(static_cast<size_t>(level.mMatrix.nodeCount()) * aColumns);
   }
   work.mResidual.resize(size);
-  work.mSum.resize(static_cast<size_t>(aColumns));
 
   std::vector<float>& r = work.mRhs[0];
   std::vector<float>& z = work.mX[0];
