@@ -35,9 +35,9 @@ namespace {
 
 constexpr int kLevels = 3;
 constexpr int kScenesPerSize = 3;
-// Six labels per scene: four regions and two small objects.
-constexpr int kRegions = 4;
-constexpr int kObjects = 2;
+// Six labels per scene: five regions and a small object.
+constexpr int kRegions = 5;
+constexpr int kObjects = 1;
 constexpr int kPointsPerLabel = 5;
 
 struct CRun {
@@ -82,13 +82,32 @@ struct CScore {
   double accuracy = 0;  // share of pixels with their true label
 };
 
-// Scores a dense result whose label l is painted in aColours[l].
-CScore score(const std::string& aDense, const NBench::CScene& aScene,
-             const std::vector<std::array<int, 3>>& aColours) {
+// The label of every pixel of a result painted in aColours, -1 for others.
+std::vector<int> labelsOf(const CTensor<float>& aPainted, const std::vector<std::array<int, 3>>& aColours) {
+  std::vector<int> labels;
+  for (int y = 0; y < aPainted.ySize(); y++)
+    for (int x = 0; x < aPainted.xSize(); x++) {
+      int label = -1;
+      for (size_t l = 0; l < aColours.size() && label < 0; l++)
+        if (aPainted(x, y, 0) == aColours[l][0] && aPainted(x, y, 1) == aColours[l][1] &&
+            aPainted(x, y, 2) == aColours[l][2])
+          label = static_cast<int>(l);
+      labels.push_back(label);
+    }
+  return labels;
+}
+
+// Scores the dense result in aFolder, whose label l is painted in
+// aColours[l]. The mean IoU runs over the labels that were marked: a label
+// without a scribble or point cannot be found (its pixels still count as
+// errors of the others).
+CScore score(const std::string& aFolder, const NBench::CScene& aScene, const std::vector<std::array<int, 3>>& aColours) {
   CScore result;
   CTensor<float> dense;
+  CTensor<float> marks;
   try {
-    dense.readFromPPM(aDense.c_str());
+    dense.readFromPPM((aFolder + "scene_dense.ppm").c_str());
+    marks.readFromPPM((aFolder + "scene_initialLabels.ppm").c_str());
   } catch (...) {
     return result;
   }
@@ -97,22 +116,22 @@ CScore score(const std::string& aDense, const NBench::CScene& aScene,
   std::vector<long> both(labels, 0);
   std::vector<long> truth(labels, 0);
   std::vector<long> found(labels, 0);
-  for (int y = 0; y < dense.ySize(); y++)
-    for (int x = 0; x < dense.xSize(); x++) {
-      const size_t t = static_cast<size_t>(aScene.truth(x, y));
-      truth[t]++;
-      for (size_t l = 0; l < labels; l++)
-        if (dense(x, y, 0) == aColours[l][0] && dense(x, y, 1) == aColours[l][1] && dense(x, y, 2) == aColours[l][2]) {
-          found[l]++;
-          both[l] += l == t;
-          break;
-        }
-    }
+  std::vector<bool> marked(labels, false);
+  const std::vector<int> denseLabels = labelsOf(dense, aColours);
+  const std::vector<int> markLabels = labelsOf(marks, aColours);
+  for (size_t i = 0; i < denseLabels.size(); i++) {
+    const int t = aScene.truth.data()[i];
+    truth[static_cast<size_t>(t)]++;
+    if (markLabels[i] >= 0) marked[static_cast<size_t>(markLabels[i])] = true;
+    if (denseLabels[i] < 0) continue;
+    found[static_cast<size_t>(denseLabels[i])]++;
+    both[static_cast<size_t>(t)] += denseLabels[i] == t;
+  }
   long right = 0;
   int present = 0;
   for (size_t l = 0; l < labels; l++) {
     right += both[l];
-    if (truth[l] == 0) continue;
+    if (truth[l] == 0 || !marked[l]) continue;
     result.iou += static_cast<double>(both[l]) / static_cast<double>(truth[l] + found[l] - both[l]);
     present++;
   }
@@ -181,7 +200,7 @@ CCase runCase(const std::string& aTool, const std::string& aFolder, const NBench
     std::vector<std::string> arguments = {aTool, image, std::to_string(kLevels), labels, "0", "0.3", "0", prefix};
     if (converged) arguments.push_back("--converged");
     const CRun run = runTool(arguments);
-    const CScore scored = run.ok ? score(prefix + "TarnwickResults/scene_dense.ppm", aScene, colours) : CScore();
+    const CScore scored = run.ok ? score(prefix + "TarnwickResults/", aScene, colours) : CScore();
     (converged ? result.convergedRun : result.exactRun) = run;
     (converged ? result.converged : result.exact) = scored;
   }

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <utility>
-#include <cstdio>
-#include <cstdlib>
 
 namespace NConverged {
 
@@ -16,7 +14,7 @@ constexpr int kDirectLimit = 400;
 constexpr float kStrongShare = 0.05f;
 // Largest group of one level.
 constexpr int kGroupSize = 10;
-// A node whose diagonal exceeds its links this many times over is handled
+// A node whose ground weight exceeds its links this many times over is handled
 // by the smoother alone (typically a pixel beside many labelled ones).
 constexpr float kDominance = 5.0f;
 // Coarsening that keeps more than this share of the nodes has stalled.
@@ -32,7 +30,7 @@ int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
   for (int i = 0; i < n; i++) {
     float sum = 0.0f;
     for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) sum += aMatrix.mWeight[e];
-    if (aMatrix.mDiagonal[i] > kDominance * sum) aGroup[i] = -1;
+    if (aMatrix.mGround[i] > kDominance * sum) aGroup[i] = -1;
   }
   std::vector<int> size;
   for (int i = 0; i < n; i++) {
@@ -77,21 +75,21 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
     if (aGroup[i] >= 0) members[fill[aGroup[i]]++] = i;
 
   CSparseGraph coarse;
-  coarse.mDiagonal.assign(static_cast<size_t>(aGroups), 0.0f);
+  coarse.mGround.assign(static_cast<size_t>(aGroups), 0.0f);
   coarse.mStart.assign(1, 0);
   std::vector<int> slot(static_cast<size_t>(aGroups), -1);
   for (int g = 0; g < aGroups; g++) {
     const int rowStart = coarse.linkCount();
-    float diagonal = 0.0f;
+    float ground = 0.0f;
     for (int m = memberStart[g]; m < memberStart[g + 1]; m++) {
       const int i = members[m];
-      diagonal += aMatrix.mDiagonal[i];
+      ground += aMatrix.mGround[i];
       for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
         const int h = aGroup[aMatrix.mNeighbour[e]];
-        if (h < 0) continue;
-        if (h == g) {
-          diagonal -= aMatrix.mWeight[e];
-        } else if (slot[h] < 0) {
+        // Links inside the group cancel; links to nodes left to the smoother
+        // are dropped with them.
+        if (h < 0 || h == g) continue;
+        if (slot[h] < 0) {
           slot[h] = coarse.linkCount();
           coarse.mNeighbour.push_back(h);
           coarse.mWeight.push_back(aMatrix.mWeight[e]);
@@ -101,7 +99,7 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
       }
     }
     for (int e = rowStart; e < coarse.linkCount(); e++) slot[coarse.mNeighbour[e]] = -1;
-    coarse.mDiagonal[g] = diagonal;
+    coarse.mGround[g] = ground;
     coarse.mStart.push_back(coarse.linkCount());
   }
   return coarse;
@@ -139,11 +137,11 @@ void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int
   for (int i = 0; i < n; i++) {
     float* out = aOut + static_cast<size_t>(i) * columns;
     const float* xi = aX + static_cast<size_t>(i) * columns;
-    for (int c = 0; c < columns; c++) out[c] = aMatrix.mDiagonal[i] * xi[c];
+    for (int c = 0; c < columns; c++) out[c] = aMatrix.mGround[i] * xi[c];
     for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
       const float w = aMatrix.mWeight[e];
       const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
-      for (int c = 0; c < columns; c++) out[c] -= w * xj[c];
+      for (int c = 0; c < columns; c++) out[c] += w * (xi[c] - xj[c]);
     }
   }
 }
@@ -228,11 +226,11 @@ CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
     mLevels.back().mMatrix = std::move(coarse);
   }
   for (CLevel& level : mLevels) {
-    level.mInverseDiagonal.resize(level.mMatrix.mDiagonal.size());
-    for (size_t i = 0; i < level.mInverseDiagonal.size(); i++) level.mInverseDiagonal[i] = 1.0f / level.mMatrix.mDiagonal[i];
+    const CSparseGraph& matrix = level.mMatrix;
+    level.mInverseDiagonal.resize(matrix.mGround.size());
+    for (int i = 0; i < matrix.nodeCount(); i++) level.mInverseDiagonal[i] = 1.0f / (matrix.linkSum(i) + matrix.mGround[i]);
   }
   factorCoarsest();
-  if (getenv("TW_DEBUG")) for (auto& l : mLevels) fprintf(stderr, "level %d nodes %d links\n", l.mMatrix.nodeCount(), l.mMatrix.linkCount());
 }
 
 void CMultilevelSolver::factorCoarsest() {
@@ -241,7 +239,7 @@ void CMultilevelSolver::factorCoarsest() {
   if (n > kDirectLimit) return;
   mCholesky.assign(static_cast<size_t>(n) * n, 0.0);
   for (int i = 0; i < n; i++) {
-    mCholesky[static_cast<size_t>(i) * n + i] = matrix.mDiagonal[i];
+    mCholesky[static_cast<size_t>(i) * n + i] = static_cast<double>(matrix.linkSum(i)) + matrix.mGround[i];
     for (int e = matrix.mStart[i]; e < matrix.mStart[i + 1]; e++)
       mCholesky[static_cast<size_t>(i) * n + matrix.mNeighbour[e]] -= matrix.mWeight[e];
   }
@@ -344,17 +342,29 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   std::fill(x, x + size, 0.0f);
   std::copy(aRhs, aRhs + size, r.begin());
 
-  std::vector<double> rhsNorm;
-  columnDots(aRhs, aRhs, n, aColumns, rhsNorm);
-  std::vector<bool> active(static_cast<size_t>(aColumns));
-  for (int c = 0; c < aColumns; c++) active[c] = rhsNorm[c] > 0.0;
   CSolveResult result;
+  std::vector<bool> active(static_cast<size_t>(aColumns), true);
+  // The preconditioned residual z = M r estimates the remaining error of
+  // every node in the units of the solution; a column stops once it is
+  // below the tolerance everywhere.
+  const auto settle = [&](int aIteration) {
+    std::vector<float> largest(static_cast<size_t>(aColumns), 0.0f);
+    for (size_t k = 0; k < size; k++) largest[k % aColumns] = std::max(largest[k % aColumns], std::fabs(z[k]));
+    for (int c = 0; c < aColumns; c++) {
+      if (!active[c]) continue;
+      result.mIterations = std::max(result.mIterations, aIteration);
+      if (largest[c] <= aTolerance || aIteration == aMaxIterations) {
+        active[c] = false;
+        result.mLargestError = std::max(result.mLargestError, static_cast<double>(largest[c]));
+      }
+    }
+  };
   std::vector<double> rz;
   std::vector<double> pq;
-  std::vector<double> rr;
   std::vector<float> alpha(static_cast<size_t>(aColumns));
   std::vector<float> beta(static_cast<size_t>(aColumns));
   cycle(0, work);
+  settle(0);
   columnDots(r.data(), z.data(), n, aColumns, rz);
   p = z;
   for (int iteration = 1; iteration <= aMaxIterations; iteration++) {
@@ -367,17 +377,8 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
       x[k] += alpha[c] * p[k];
       r[k] -= alpha[c] * q[k];
     }
-    columnDots(r.data(), r.data(), n, aColumns, rr);
-    for (int c = 0; c < aColumns; c++) {
-      if (!active[c]) continue;
-      const double relative = std::sqrt(rr[c] / rhsNorm[c]);
-      result.mIterations = std::max(result.mIterations, iteration);
-      if (relative <= aTolerance || iteration == aMaxIterations) {
-        active[c] = false;
-        result.mLargestResidual = std::max(result.mLargestResidual, relative);
-      }
-    }
     cycle(0, work);
+    settle(iteration);
     std::vector<double> rzNew;
     columnDots(r.data(), z.data(), n, aColumns, rzNew);
     for (int c = 0; c < aColumns; c++) {

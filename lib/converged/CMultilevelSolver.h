@@ -13,7 +13,7 @@ namespace NConverged {
 
 struct CSolveResult {
   int mIterations = 0;          // the most any column needed
-  double mLargestResidual = 0;  // the largest final |r| / |b| of the columns
+  double mLargestError = 0;     // the largest final error estimate |M r| of the columns
 };
 
 class CMultilevelSolver {

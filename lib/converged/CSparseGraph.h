@@ -1,6 +1,8 @@
-// A symmetric system A = diag(mDiagonal) - W whose off-diagonal part W is a
-// weighted graph with non-negative weights, stored row by row (every edge
-// appears in the rows of both of its ends).
+// A symmetric system A x = G x + L x: L is the Laplacian of a weighted graph
+// with non-negative weights, (L x)_i = sum_j w_ij (x_i - x_j), stored row by
+// row (every edge appears in the rows of both of its ends), and G the
+// diagonal of each node's ground weight (its links to fixed nodes). Kept in
+// this form, A applied to a constant gives G exactly, whatever the rounding.
 #pragma once
 
 #include <vector>
@@ -11,9 +13,15 @@ struct CSparseGraph {
   std::vector<int> mStart{0};  // row i's links are mStart[i] .. mStart[i + 1] - 1
   std::vector<int> mNeighbour;
   std::vector<float> mWeight;
-  std::vector<float> mDiagonal;
+  std::vector<float> mGround;
 
-  int nodeCount() const { return static_cast<int>(mDiagonal.size()); }
+  int nodeCount() const { return static_cast<int>(mGround.size()); }
+  // Sum of the row's link weights.
+  float linkSum(int aNode) const {
+    float sum = 0.0f;
+    for (int e = mStart[aNode]; e < mStart[aNode + 1]; e++) sum += mWeight[e];
+    return sum;
+  }
   int linkCount() const { return static_cast<int>(mNeighbour.size()); }
 };
 

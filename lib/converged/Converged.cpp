@@ -56,10 +56,10 @@ CTensor<float> solveConverged(const CTensor<float>& aImage, const std::vector<CT
     aReport->mUnknowns = unknowns;
     aReport->mLevels = solver.levelCount();
     aReport->mIterations = 0;
-    aReport->mLargestResidual = 0;
+    aReport->mLargestError = 0;
     for (const CSolveResult& entry : results) {
       aReport->mIterations = std::max(aReport->mIterations, entry.mIterations);
-      aReport->mLargestResidual = std::max(aReport->mLargestResidual, entry.mLargestResidual);
+      aReport->mLargestError = std::max(aReport->mLargestError, entry.mLargestError);
     }
   }
   return result;

@@ -15,16 +15,15 @@ struct CConvergedParameters {
   float mBeta = 4.0f;
   // Links to regions weigh exp(-gate * d^2 / mean d^2), d the colour
   // distance of a pixel to its region's mean or of a region to its parent's.
-  float mGate = 1.0f;
+  float mGate = 0.3f;
   // Weight of a pixel's link to its finest region at 320x240; it falls with
   // the square root of the pixel count so that it keeps its share against
   // region boundaries, whose length grows with the resolution.
-  float mPixelLink = 0.05f;
+  float mPixelLink = 5.0f;
   // A region's link to its parent, per pixel of the region, relative to the
   // pixel link.
-  float mParentLink = 0.5f;
-  // The solve stops once every label's residual is below this fraction of
-  // its right-hand side (2-norms).
+  float mParentLink = 0.1f;
+  // The solve stops once the estimated error of every degree is below this.
   float mTolerance = 1e-4f;
   int mMaxIterations = 300;
 };
@@ -34,7 +33,7 @@ struct CConvergedReport {
   int mUnknowns = 0;
   int mLevels = 0;
   int mIterations = 0;           // the most any label needed
-  double mLargestResidual = 0;   // relative, over the labels
+  double mLargestError = 0;      // estimated remaining error of the degrees
 };
 
 // aImage: colour XxYx3. aSegmentations: colour images of the image's size,

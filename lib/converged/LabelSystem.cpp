@@ -11,6 +11,9 @@ namespace {
 // Keeps every unknown's system regular: a part of the graph without any
 // labelled pixel settles at the even mix instead of being undetermined.
 constexpr float kRegularisation = 1e-6f;
+// Pixel edges weigh at least this: a pixel cluster behind edges of smaller
+// weight would be decided by differences below the float resolution.
+constexpr double kWeightFloor = 1e-4;
 // The pixel count at which CConvergedParameters::mPixelLink applies as given.
 constexpr double kReferencePixels = 320.0 * 240.0;
 
@@ -112,7 +115,7 @@ void addPixelEdges(const CTensor<float>& aImage, float aBeta, std::vector<CEdge>
   // A flat image has no contrast to scale by: all its edges weigh 1.
   const double mean = count > 0 && total > 0 ? total / count : 1.0;
   for (size_t e = first; e < aEdges.size(); e++)
-    aEdges[e].mWeight = static_cast<float>(std::exp(-aBeta * aEdges[e].mWeight / mean));
+    aEdges[e].mWeight = static_cast<float>(std::max(std::exp(-aBeta * aEdges[e].mWeight / mean), kWeightFloor));
 }
 
 // Links of every pixel to its finest region and of every region to its
@@ -184,20 +187,20 @@ CLabelSystem buildLabelSystem(const CTensor<float>& aImage, const std::vector<CT
   const auto labelOf = [&](int aNode) { return aLabelOf.data()[aNode]; };
 
   CSparseGraph& matrix = system.mMatrix;
-  matrix.mDiagonal.assign(static_cast<size_t>(unknowns), kRegularisation);
+  matrix.mGround.assign(static_cast<size_t>(unknowns), kRegularisation);
   system.mRhs.assign(static_cast<size_t>(unknowns) * aLabelCount, kRegularisation / aLabelCount);
   std::vector<int> links(static_cast<size_t>(unknowns) + 1, 0);
   for (const CEdge& edge : edges) {
     const int a = unknownOf[static_cast<size_t>(edge.mFrom)];
     const int b = unknownOf[static_cast<size_t>(edge.mTo)];
-    if (a >= 0) matrix.mDiagonal[static_cast<size_t>(a)] += edge.mWeight;
-    if (b >= 0) matrix.mDiagonal[static_cast<size_t>(b)] += edge.mWeight;
     if (a >= 0 && b >= 0) {
       links[static_cast<size_t>(a) + 1]++;
       links[static_cast<size_t>(b) + 1]++;
     } else if (a >= 0) {
+      matrix.mGround[static_cast<size_t>(a)] += edge.mWeight;
       system.mRhs[static_cast<size_t>(a) * aLabelCount + labelOf(edge.mTo)] += edge.mWeight;
     } else if (b >= 0) {
+      matrix.mGround[static_cast<size_t>(b)] += edge.mWeight;
       system.mRhs[static_cast<size_t>(b) * aLabelCount + labelOf(edge.mFrom)] += edge.mWeight;
     }
   }

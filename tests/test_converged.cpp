@@ -1,0 +1,279 @@
+// The converged labelling: closed-form solutions on small graphs, agreement
+// with a direct solve, fixed labelled pixels, thread-count invariance and the
+// --converged run of the tool.
+#include <gtest/gtest.h>
+
+#include <omp.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "CMultilevelSolver.h"
+#include "CTensor.h"
+#include "Converged.h"
+#include "LabelSystem.h"
+#include "TestSupport.h"
+
+namespace {
+
+using NConverged::CConvergedParameters;
+using NConverged::solveConverged;
+
+CTensor<float> greyImage(int aWidth, int aHeight, const std::vector<float>& aValues) {
+  CTensor<float> image(aWidth, aHeight, 3);
+  for (int z = 0; z < 3; z++)
+    for (int i = 0; i < aWidth * aHeight; i++) image.data()[i + z * aWidth * aHeight] = aValues[static_cast<size_t>(i)];
+  return image;
+}
+
+CMatrix<int> labelMap(int aWidth, int aHeight, const std::vector<int>& aLabels) {
+  CMatrix<int> labels(aWidth, aHeight);
+  for (int i = 0; i < aWidth * aHeight; i++) labels.data()[i] = aLabels[static_cast<size_t>(i)];
+  return labels;
+}
+
+CConvergedParameters tight() {
+  CConvergedParameters parameters;
+  parameters.mTolerance = 1e-7f;
+  return parameters;
+}
+
+// A chain of pixels is a chain of conductances exp(-beta |dI|^2 / mean |dI|^2):
+// between the two labelled ends the degree of the second label rises by each
+// edge's share of the total resistance.
+std::vector<double> chainDegrees(const std::vector<float>& aGrey, double aBeta) {
+  std::vector<double> squared;
+  double mean = 0;
+  for (size_t i = 0; i + 1 < aGrey.size(); i++) {
+    const double d = static_cast<double>(aGrey[i + 1]) - aGrey[i];
+    squared.push_back(3 * d * d);
+    mean += squared.back() / static_cast<double>(aGrey.size() - 1);
+  }
+  std::vector<double> resistance{0.0};
+  for (const double d : squared) resistance.push_back(resistance.back() + 1.0 / std::exp(mean > 0 ? -aBeta * d / mean : 0.0));
+  for (double& r : resistance) r /= resistance.back();
+  return resistance;
+}
+
+class ChainTest : public ::testing::TestWithParam<std::vector<float>> {};
+
+TEST_P(ChainTest, DegreesFollowTheResistances) {
+  const std::vector<float>& grey = GetParam();
+  const int n = static_cast<int>(grey.size());
+  std::vector<int> labels(static_cast<size_t>(n), -1);
+  labels.front() = 0;
+  labels.back() = 1;
+  const CTensor<float> degrees = solveConverged(greyImage(n, 1, grey), {}, labelMap(n, 1, labels), 2, tight());
+  const std::vector<double> expected = chainDegrees(grey, CConvergedParameters().mBeta);
+  for (int x = 0; x < n; x++) {
+    EXPECT_NEAR(degrees(x, 0, 1), expected[static_cast<size_t>(x)], 1e-4) << "pixel " << x;
+    EXPECT_NEAR(degrees(x, 0, 0) + degrees(x, 0, 1), 1.0, 1e-4) << "pixel " << x;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Converged, ChainTest,
+                         ::testing::Values(std::vector<float>{50, 50, 50, 50, 50},        // 0, 1/4, 1/2, 3/4, 1
+                                           std::vector<float>{0, 10, 20, 30, 30},         // a ramp, then flat
+                                           std::vector<float>{50, 52, 54, 56, 57, 58}));  // steps of two sizes
+
+// One region over a flat 3 x 1 image, labels at both ends: by symmetry the
+// middle pixel and the region sit half way.
+TEST(Converged, RegionNodeOfASymmetricImageSitsHalfWay) {
+  const CTensor<float> image = greyImage(3, 1, {80, 80, 80});
+  const CTensor<float> segmentation = greyImage(3, 1, {7, 7, 7});
+  const CTensor<float> degrees = solveConverged(image, {segmentation}, labelMap(3, 1, {0, -1, 1}), 2, tight());
+  EXPECT_NEAR(degrees(1, 0, 0), 0.5, 1e-5);
+  EXPECT_NEAR(degrees(1, 0, 1), 0.5, 1e-5);
+}
+
+// A rough image whose edges mostly weigh next to nothing: the degrees still
+// sum to one and stay within [0, 1].
+TEST(Converged, DegreesSumToOneAndStayInRange) {
+  const int w = 12;
+  const int h = 9;
+  std::vector<float> grey;
+  for (int i = 0; i < w * h; i++) grey.push_back(static_cast<float>((i * 37) % 200));
+  std::vector<int> labels(static_cast<size_t>(w * h), -1);
+  labels[0] = 0;
+  labels[5] = 1;
+  labels[static_cast<size_t>(w * h - 1)] = 2;
+  const CTensor<float> degrees = solveConverged(greyImage(w, h, grey), {}, labelMap(w, h, labels), 3, tight());
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w; x++) {
+      double sum = 0;
+      for (int l = 0; l < 3; l++) {
+        EXPECT_GE(degrees(x, y, l), 0.0f);
+        EXPECT_LE(degrees(x, y, l), 1.0f);
+        sum += degrees(x, y, l);
+      }
+      EXPECT_NEAR(sum, 1.0, 1e-3) << x << "," << y;
+    }
+}
+
+// A textured 40 x 30 scene with two segmentations and scribbles of aLabels
+// labels placed symmetrically, so that many pixels are near ties.
+struct CTestScene {
+  CTensor<float> image;
+  std::vector<CTensor<float>> segmentations;
+  CMatrix<int> labels;
+  int labelCount = 0;
+};
+
+CTestScene nearTieScene(int aLabels) {
+  const int w = 40;
+  const int h = 30;
+  CTestScene scene;
+  scene.labelCount = aLabels;
+  scene.image.setSize(w, h, 3);
+  scene.labels.setSize(w, h);
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w; x++) {
+      for (int c = 0; c < 3; c++)
+        scene.image(x, y, c) = static_cast<float>(100 + ((x * 13 + y * 7 + c * 5) % 11) + (y > 20 ? 30 : 0));
+      scene.labels(x, y) = -1;
+    }
+  for (int l = 0; l < aLabels; l++)
+    for (int t = 0; t < 5; t++) scene.labels(4 + (l * 22) / std::max(1, aLabels - 1), 5 + t * 4) = l;
+  for (const int block : {5, 10}) {
+    CTensor<float> segmentation(w, h, 3);
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++)
+        for (int c = 0; c < 3; c++) segmentation(x, y, c) = static_cast<float>((x / block) * 16 + (y / block) + c);
+    scene.segmentations.push_back(segmentation);
+  }
+  return scene;
+}
+
+// The system solved directly in double precision.
+std::vector<double> directSolve(const NConverged::CLabelSystem& aSystem) {
+  const NConverged::CSparseGraph& a = aSystem.mMatrix;
+  const int n = a.nodeCount();
+  const int labels = aSystem.mLabelCount;
+  std::vector<double> m(static_cast<size_t>(n) * n, 0.0);
+  for (int i = 0; i < n; i++) {
+    m[static_cast<size_t>(i) * n + i] = a.mGround[static_cast<size_t>(i)];
+    for (int e = a.mStart[static_cast<size_t>(i)]; e < a.mStart[static_cast<size_t>(i) + 1]; e++) {
+      m[static_cast<size_t>(i) * n + i] += a.mWeight[static_cast<size_t>(e)];
+      m[static_cast<size_t>(i) * n + a.mNeighbour[static_cast<size_t>(e)]] -= a.mWeight[static_cast<size_t>(e)];
+    }
+  }
+  std::vector<double> x(aSystem.mRhs.begin(), aSystem.mRhs.end());
+  for (int k = 0; k < n; k++)
+    for (int i = k + 1; i < n; i++) {
+      const double f = m[static_cast<size_t>(i) * n + k] / m[static_cast<size_t>(k) * n + k];
+      if (f == 0.0) continue;
+      for (int j = k; j < n; j++) m[static_cast<size_t>(i) * n + j] -= f * m[static_cast<size_t>(k) * n + j];
+      for (int l = 0; l < labels; l++)
+        x[static_cast<size_t>(i) * labels + l] -= f * x[static_cast<size_t>(k) * labels + l];
+    }
+  for (int i = n - 1; i >= 0; i--)
+    for (int l = 0; l < labels; l++) {
+      double sum = x[static_cast<size_t>(i) * labels + l];
+      for (int j = i + 1; j < n; j++) sum -= m[static_cast<size_t>(i) * n + j] * x[static_cast<size_t>(j) * labels + l];
+      x[static_cast<size_t>(i) * labels + l] = sum / m[static_cast<size_t>(i) * n + i];
+    }
+  return x;
+}
+
+class NearTieTest : public ::testing::TestWithParam<int> {};
+
+// At the default tolerance the iteration agrees with the direct solution to
+// within a small multiple of the tolerance (the error estimate is not a
+// bound), well below the gaps that decide the hard labels.
+TEST_P(NearTieTest, AgreesWithTheDirectSolution) {
+  const CTestScene scene = nearTieScene(GetParam());
+  const CConvergedParameters parameters;
+  const NConverged::CLabelSystem system = NConverged::buildLabelSystem(
+      scene.image, scene.segmentations, scene.labels, scene.labelCount, parameters);
+  const std::vector<double> exact = directSolve(system);
+  const CTensor<float> degrees =
+      solveConverged(scene.image, scene.segmentations, scene.labels, scene.labelCount, parameters);
+  const int w = scene.image.xSize();
+  int nearTies = 0;
+  for (int y = 0; y < scene.image.ySize(); y++)
+    for (int x = 0; x < w; x++) {
+      const int unknown = system.mUnknownOfPixel[static_cast<size_t>(x + y * w)];
+      if (unknown < 0) continue;
+      int best = 0;
+      int second = -1;
+      for (int l = 0; l < scene.labelCount; l++) {
+        const double value = exact[static_cast<size_t>(unknown) * scene.labelCount + l];
+        EXPECT_NEAR(degrees(x, y, l), value, 3 * parameters.mTolerance) << x << "," << y << " label " << l;
+        if (value > exact[static_cast<size_t>(unknown) * scene.labelCount + best]) {
+          second = best;
+          best = l;
+        } else if (l != best && (second < 0 || value > exact[static_cast<size_t>(unknown) * scene.labelCount + second])) {
+          second = l;
+        }
+      }
+      const double gap = exact[static_cast<size_t>(unknown) * scene.labelCount + best] -
+                         exact[static_cast<size_t>(unknown) * scene.labelCount + second];
+      nearTies += gap < 0.05;
+      if (gap < 1e-3) continue;
+      int found = 0;
+      for (int l = 1; l < scene.labelCount; l++)
+        if (degrees(x, y, l) > degrees(x, y, found)) found = l;
+      EXPECT_EQ(found, best) << x << "," << y;
+    }
+  EXPECT_GT(nearTies, 10) << "the scene should hold near ties";
+}
+
+INSTANTIATE_TEST_SUITE_P(Converged, NearTieTest, ::testing::Values(2, 4, 7));
+
+TEST(Converged, LabelledPixelsKeepTheirLabel) {
+  const CTestScene scene = nearTieScene(5);
+  const CTensor<float> degrees =
+      solveConverged(scene.image, scene.segmentations, scene.labels, scene.labelCount, CConvergedParameters());
+  for (int y = 0; y < scene.image.ySize(); y++)
+    for (int x = 0; x < scene.image.xSize(); x++) {
+      const int label = scene.labels(x, y);
+      if (label < 0) continue;
+      for (int l = 0; l < scene.labelCount; l++) EXPECT_EQ(degrees(x, y, l), l == label ? 1.0f : 0.0f);
+    }
+}
+
+// Labels are shared out among the threads in groups; each label's bits must
+// not depend on the group it lands in.
+TEST(Converged, ResultDoesNotDependOnTheThreadCount) {
+  const CTestScene scene = nearTieScene(7);
+  const int before = omp_get_max_threads();
+  std::vector<CTensor<float>> results;
+  for (const int threads : {1, 2, 3, 7}) {
+    omp_set_num_threads(threads);
+    results.push_back(
+        solveConverged(scene.image, scene.segmentations, scene.labels, scene.labelCount, CConvergedParameters()));
+  }
+  omp_set_num_threads(before);
+  for (size_t r = 1; r < results.size(); r++)
+    EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), sizeof(float) * results[0].size()), 0)
+        << "run " << r;
+}
+
+// The tool with --converged anywhere on the line: the usual files, every
+// scribble kept in the hard result.
+TEST(Converged, ToolWritesTheUsualResultsAndKeepsTheScribbles) {
+  const NTest::CScratchDir dir;
+  const std::string examples = std::string(TARNWICK_SOURCE_DIR) + "/examples/";
+  const NTest::CRunResult run =
+      NTest::run(TARNWICK_EXE, {"--converged", examples + "demo.ppm", "3", "demo_labels.ppm", "0", "0.3", "1",
+                                dir.path() + "/"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  for (const char* name : {"demo_initialLabels.ppm", "demo_dense_soft.ppm", "demo_dense.ppm", "demo_denseOUT.ppm"})
+    EXPECT_TRUE(NTest::fileExists(dir.path() + "/TarnwickResults/" + name)) << name;
+  CTensor<float> scribbles;
+  scribbles.readFromPPM((examples + "demo_labels.ppm").c_str());
+  CTensor<float> dense;
+  dense.readFromPPM((dir.path() + "/TarnwickResults/demo_dense.ppm").c_str());
+  int marked = 0;
+  for (int y = 0; y < dense.ySize(); y++)
+    for (int x = 0; x < dense.xSize(); x++) {
+      if (scribbles(x, y, 0) == 255.0f && scribbles(x, y, 1) == 255.0f && scribbles(x, y, 2) == 255.0f) continue;
+      marked++;
+      for (int c = 0; c < 3; c++) EXPECT_EQ(dense(x, y, c), scribbles(x, y, c)) << x << "," << y;
+    }
+  EXPECT_GT(marked, 0);
+}
+
+}  // namespace
