@@ -308,6 +308,7 @@ int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* a
   std::cout << std::endl;
   NDriver::CLabellingSettings labelling;
   labelling.alpha = settings.aAlpha;
+  labelling.converged = settings.options.converged;
   labelling.path = settings.path;
   labelling.stats = settings.stats;
   labelling.log = &std::cout;

@@ -10,6 +10,7 @@
 #include "CProjection.h"
 #include "CSuperpixelLayer.h"
 #include "CUtility.h"
+#include "Converged.h"
 #include "Solver.h"
 
 namespace NDriver {
@@ -90,9 +91,25 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
   if (aSettings.stats != nullptr) aSettings.stats->solveSeconds += wallSeconds() - solveStart;
 }
 
+// The degrees solved to convergence, labelled pixels fixed.
+CTensor<float> solveConverged(const CLabellingInput& aInput, const CLabellingSettings& aSettings) {
+  const double start = wallSeconds();
+  NConverged::CConvergedReport report;
+  CTensor<float> degrees = NConverged::solveConverged(aInput.image, aInput.segmentations, labelNumbers(aInput.labels),
+                                                      aInput.labels.zSize(), NConverged::CConvergedParameters(), &report);
+  const double seconds = wallSeconds() - start;
+  if (aSettings.stats != nullptr) aSettings.stats->solveSeconds += seconds;
+  if (aSettings.log != nullptr)
+    *aSettings.log << "converged solve: " << report.mUnknowns << " unknowns, " << report.mLevels << " levels, "
+                   << report.mIterations << " iterations, estimated error " << report.mLargestError << std::endl
+                   << "total time:                        " << seconds << " seconds (wall)" << std::endl;
+  return degrees;
+}
+
 }  // namespace
 
 CTensor<float> solveLabelling(const CLabellingInput& aInput, const CLabellingSettings& aSettings) {
+  if (aSettings.converged) return solveConverged(aInput, aSettings);
   const int xSize = aInput.image.xSize();
   const int ySize = aInput.image.ySize();
   const int labelCount = aInput.labels.zSize();

@@ -34,13 +34,15 @@ struct CLabellingInput {
 
 struct CLabellingSettings {
   float alpha = 0.3f;  // weight of the labelled pixels against smoothness, [0, 1)
+  bool converged = false;  // solve to convergence with the labelled pixels fixed (alpha unused)
   ESolverPath path = ESolverPath::Fast;
   CRunStats* stats = nullptr;   // receives the timings when given
   std::ostream* log = nullptr;  // receives the progress messages when given
 };
 
 // The soft result: per pixel one degree per label (as many layers as
-// aInput.labels), relaxed from coarse to fine.
+// aInput.labels), relaxed from coarse to fine, or with aSettings.converged
+// the converged degrees of lib/converged.
 CTensor<float> solveLabelling(const CLabellingInput& aInput, const CLabellingSettings& aSettings);
 
 // The hard result of the degrees: 1 for the strongest label of every pixel
