@@ -8,8 +8,6 @@
 
 #include "ArrayConversion.h"
 #include "CErrors.h"
-#include "CFilter.h"
-#include "CHierarchy.h"
 #include "CUtility.h"
 #include "Labelling.h"
 #include "SegmentTool.h"
@@ -26,13 +24,7 @@ auto translated(TFunction aFunction) {
   const char* const kPrinted = "tarnwick: the computation failed (the reason is printed on standard error)";
   try {
     return aFunction();
-  } catch (const EFileError&) {
-  } catch (const EInvalidFileFormat&) {
-  } catch (const ETensorIncompatibleSize&) {
-  } catch (const EFilterIncompatibleSize&) {
-  } catch (const EFilterNotAvailable&) {
-  } catch (const EMissingLabelColors&) {
-  } catch (const CHierarchy::EMissingLayers&) {
+  } catch (const ETarnwickError&) {
   }
   throw std::runtime_error(kPrinted);
 }
