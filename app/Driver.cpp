@@ -312,6 +312,8 @@ int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* a
   labelling.path = settings.path;
   labelling.stats = settings.stats;
   labelling.log = &std::cout;
+  labelling.warnings = &std::cerr;
+  for (int k = 0; k < settings.NoSegFiles; k++) labelling.segmentationNames.push_back(segmentationName(k));
   writeOutputs(settings, inputs, NDriver::solveLabelling(inputs.problem, labelling));
   return 0;
 }

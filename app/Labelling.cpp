@@ -4,6 +4,7 @@
 #include <cmath>
 #include <ctime>
 #include <ostream>
+#include <stdexcept>
 
 #include "CFlatHierarchy.h"
 #include "CHierarchy.h"
@@ -11,6 +12,7 @@
 #include "CSuperpixelLayer.h"
 #include "CUtility.h"
 #include "Converged.h"
+#include "LevelCost.h"
 #include "Solver.h"
 
 namespace NDriver {
@@ -44,8 +46,36 @@ double wallSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+CFlatHierarchy buildHierarchy(const CTensor<float>& aLab, const std::vector<CTensor<float>>& aSegs,
+                              const CLabellingSettings& aSettings) {
+  try {
+    return CFlatHierarchy(aLab, aSegs);
+  } catch (const CFlatHierarchy::ETooLarge& error) {
+    throw std::runtime_error(tooLargeMessage(error, aSettings.segmentationNames));
+  }
+}
+
+// Warns, once per run (aWarned), about a level whose hierarchy is costly.
+void warnAboutCost(const CFlatHierarchy& aHierarchy, int il, int aLabels, const CLabellingSettings& aSettings,
+                   bool& aWarned) {
+  if (aSettings.warnings == nullptr || aWarned) return;
+  CLevelCost cost;
+  for (int l = 0; l < aHierarchy.size(); l++) {
+    cost.nodes.push_back(aHierarchy.layerSize(l));
+    cost.links.push_back(aHierarchy.layerLinks(l));
+  }
+  cost.labels = aLabels;
+  for (int l = il; l <= maxGrid; l++) cost.sweepsLeft += 10LL * maxITER[l];
+  cost.bytes = aHierarchy.bytes();
+  const std::string warning = costWarning(cost, aSettings.segmentationNames);
+  if (warning.empty()) return;
+  *aSettings.warnings << warning << std::endl;
+  aWarned = true;
+}
+
 // Relaxes aLab (the level's size) at level il.
-void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aSettings, CTensor<float>& aLab) {
+void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aSettings, CTensor<float>& aLab,
+                bool& aWarned) {
   if (aSettings.log != nullptr) *aSettings.log << "resolution level: " << il << " / " << maxGrid << std::endl;
   const int segFiles = static_cast<int>(aIn.segmentations.size());
   const int labelCount = aIn.labels.zSize();
@@ -80,7 +110,8 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
     solveSegmentation_SOR(hierarchy, conf, labels, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);
     hierarchy.getLayer(0)->convertToImage(aLab);
   } else {
-    CFlatHierarchy hierarchy(aLab, levelSegs);
+    CFlatHierarchy hierarchy = buildHierarchy(aLab, levelSegs, aSettings);
+    warnAboutCost(hierarchy, il, labelCount, aSettings, aWarned);
     if (segFiles > 0) {
       CUtility::euclideanDistanceTransform(levelSegs[1], weight);
       hierarchy.distanceFunction(weight);
@@ -121,9 +152,10 @@ CTensor<float> solveLabelling(const CLabellingInput& aInput, const CLabellingSet
   CTensor<float> lab(nXSize, nYSize, labelCount, labinit);
   const std::clock_t start = std::clock();
   if (aSettings.log != nullptr) *aSettings.log << "iterations on ..." << std::endl;
+  bool warned = false;
   for (int il = first; il <= maxGrid; il++) {
     const double levelStart = wallSeconds();
-    solveLevel(il, aInput, aSettings, lab);
+    solveLevel(il, aInput, aSettings, lab, warned);
     if (aSettings.stats != nullptr) aSettings.stats->levelSeconds[il] = wallSeconds() - levelStart;
     if (il == maxGrid) break;
     levelSize(xSize, ySize, il + 1, nXSize, nYSize);

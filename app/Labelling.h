@@ -5,6 +5,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <string>
 #include <vector>
 
 #include "CMatrix.h"
@@ -38,11 +39,16 @@ struct CLabellingSettings {
   ESolverPath path = ESolverPath::Fast;
   CRunStats* stats = nullptr;   // receives the timings when given
   std::ostream* log = nullptr;  // receives the progress messages when given
+  std::ostream* warnings = nullptr;  // receives warnings about the cost when given
+  // Names of the segmentations for messages, fine to coarse; when missing,
+  // "segmentation k" stands for them.
+  std::vector<std::string> segmentationNames;
 };
 
 // The soft result: per pixel one degree per label (as many layers as
 // aInput.labels), relaxed from coarse to fine, or with aSettings.converged
-// the converged degrees of lib/converged.
+// the converged degrees of lib/converged. A hierarchy whose links would not
+// fit into the memory throws std::runtime_error naming the segmentation.
 CTensor<float> solveLabelling(const CLabellingInput& aInput, const CLabellingSettings& aSettings);
 
 // The hard result of the degrees: 1 for the strongest label of every pixel

@@ -13,11 +13,13 @@
 #include <limits>
 #include <stdexcept>
 #include <memory>
+#include <string>
 #include <thread>
 #include <unordered_map>
 
 #include "CErrors.h"
 #include "CHierarchy.h"
+#include "CMemoryBudget.h"
 #include "CSuperpixelLayer.h"
 
 namespace {
@@ -115,6 +117,24 @@ CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTe
   for (size_t k = 1; k < aSegs.size(); k++) buildCoarserLayer(static_cast<int>(k), aSegs[k], aSegs[k - 1]);
   allocateValues(aImg);
   for (int l = 1; l < size(); l++) buildEntries(l);
+}
+
+namespace {
+
+template <class... T>
+size_t bytesOf(const std::vector<T>&... aVectors) {
+  return ((aVectors.capacity() * sizeof(T)) + ...);
+}
+
+}  // namespace
+
+size_t CFlatHierarchy::bytes() const {
+  size_t total = bytesOf(mValues, mConstX, mConstY, mVarX, mVarY, mPixelWeights, mConf, mWeight, mRhs);
+  for (const CLayer& l : mLayers)
+    total += bytesOf(l.x, l.y, l.firstLeaf, l.parent, l.parentConst, l.parentVar, l.childStart, l.child, l.childConst,
+                     l.nbrStart, l.nbr, l.nbrDist, l.nbrConst, l.nbrPair, l.pairNodes, l.pairVar, l.md,
+                     l.omegaOverMd, l.entryStart, l.entryOffset, l.entryG);
+  return total;
 }
 
 float CFlatHierarchy::value(int aLayer, int aNode, int aLabel) const {
@@ -285,6 +305,32 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
   }
 }
 
+CFlatHierarchy::ETooLarge::ETooLarge(int aLayer, int aNodes, int aFinerNodes, long long aLinks, size_t aBytes,
+                                     size_t aAvailable)
+    : std::runtime_error("superpixel layer " + std::to_string(aLayer) + " would need " +
+                         std::to_string(aBytes >> 20) + " MB, more than the " + std::to_string(aAvailable >> 20) +
+                         " MB available"),
+      layer(aLayer), nodes(aNodes), finerNodes(aFinerNodes), links(aLinks), bytes(aBytes), available(aAvailable) {}
+
+// The links linkNeighbours is about to make, counted before they take any
+// memory: a layer that does not shrink or a hub region multiplies them.
+void CFlatHierarchy::checkLinkMemory(int aLayer, const std::vector<std::vector<int>>& aAdjacent) const {
+  const int n = mLayers[aLayer].nodes;
+  std::vector<int> mark(n, -1);
+  long long links = 0;
+  for (int a = 0; a < n; a++) {
+    for (int b : aAdjacent[a]) mark[b] = a;
+    links += static_cast<long long>(aAdjacent[a].size());
+    for (int b : aAdjacent[a])
+      for (int c : aAdjacent[b]) links += (c == a || mark[c] != a) ? 1 : 0;
+  }
+  const size_t needed = bytes() + static_cast<size_t>(links) * kBytesPerLink;
+  const size_t available = NMemoryBudget::available();
+  // Link lists are indexed by int as well.
+  if (needed > available || links > std::numeric_limits<int>::max() / 2)
+    throw ETooLarge(aLayer, n, mLayers[aLayer - 1].nodes, links, needed, available);
+}
+
 // Adjacency from the finer layer's links (in their order, first discovery
 // first), then the two-step neighbours, the node itself included once per
 // adjacent neighbour that lists it back.
@@ -308,6 +354,7 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
       if (std::find(list.begin(), list.end(), q) == list.end()) list.push_back(q);
     }
   }
+  checkLinkMemory(aLayer, adjacent);
   layer.nbrStart.assign(n + 1, 0);
   layer.nbr.clear();
   layer.nbrDist.clear();

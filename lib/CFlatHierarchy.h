@@ -17,7 +17,9 @@
 
 #include <xmmintrin.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <vector>
 
 #include "CMatrix.h"
@@ -25,12 +27,32 @@
 
 class CFlatHierarchy {
 public:
+  // A coarser layer whose links would take more memory than the process may
+  // have; thrown before they are made.
+  struct ETooLarge : std::runtime_error {
+    ETooLarge(int aLayer, int aNodes, int aFinerNodes, long long aLinks, size_t aBytes, size_t aAvailable);
+    int layer;
+    int nodes;
+    int finerNodes;  // of the layer below
+    long long links;
+    size_t bytes;      // the hierarchy would need
+    size_t available;  // the process may have
+  };
+
+  // Bytes a link of a coarser layer takes in all the lists that hold it.
+  static constexpr size_t kBytesPerLink = 48;
+
   // aImg: starting degrees of the pixels, one layer per label; aSegs[0] the
   // image that weights the pixel edges, aSegs[k] the segmentation of layer k.
   CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTensor<float>>& aSegs);
 
   int size() const { return static_cast<int>(mLayers.size()); }
   int layerSize(int aLayer) const { return mLayers[aLayer].nodes; }
+  // Links the update of a coarser layer walks per label and sweep (neighbours,
+  // children and parent of every node, padded to fours); 0 for the pixels.
+  long long layerLinks(int aLayer) const { return static_cast<long long>(mLayers[aLayer].entryOffset.size()); }
+  // Bytes the hierarchy holds.
+  size_t bytes() const;
   float value(int aLayer, int aNode, int aLabel) const;
 
   // The data weight spread over the superpixels of layer 1, as
@@ -85,6 +107,7 @@ private:
   void buildPixelLayer(const CTensor<float>& aImage);
   void buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg);
   void linkNeighbours(int aLayer);
+  void checkLinkMemory(int aLayer, const std::vector<std::vector<int>>& aAdjacent) const;
   void pixelNeighbours(int aPixel, std::vector<int>& aOut) const;
 
   void computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA, std::vector<float>& aB);
