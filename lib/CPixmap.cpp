@@ -93,7 +93,9 @@ CImage decode(const std::vector<unsigned char>& aBytes, const std::string& aName
       standard.complete ? problemOf(standard.header, image.layers, size) : standard.problem;
   const bool quirkyFits = quirkyProblem.empty();
   const bool standardFits = standardProblem.empty();
-  if (!quirkyFits && !standardFits) throw fail(standard.complete ? standardProblem : quirkyProblem);
+  // The format's grammar says best what is wrong, unless bytes before the
+  // magic number leave the tool's reading as the only one.
+  if (!quirkyFits && !standardFits) throw fail(magic == 0 ? standardProblem : quirkyProblem);
   // The tool's own reading stands unless only the format's grammar yields an
   // image, or both do, differently, and only the grammar's accounts for
   // exactly every byte of the file.

@@ -124,7 +124,7 @@ TEST_F(Pixmap, ReaderRejectsWhatIsNoCompleteImage) {
       {"no magic number in here", "magic"},
       {"P6\n3 2", "header"},
       {"P6\n0 2\n255\n", "size"},
-      {"P6\n-3 2\n255\n" + bytes(18), "size"},  // the minus sign is taken as a digit
+      {"P6\n-3 2\n255\n" + bytes(18), "'-' where the width should be"},
       {"P6\n" + std::string(60, '9') + " 2\n255\n", "too large"},
       {"P6\n70000 70000\n255\n", "too large"},
       {"P5\n46340 46340\n255\n", "truncated"},  // refused before anything is allocated
@@ -135,6 +135,8 @@ TEST_F(Pixmap, ReaderRejectsWhatIsNoCompleteImage) {
       {"P6\t3\t2\t255\n" + bytes(17), "truncated pixel data (17 of 18 bytes)"},
       {"P6\n3 2\n# made by 2.10\n65535\n" + bytes(36), "maximum value 65535"},
       {"P6\n3 2\n255 " + bytes(10), "truncated pixel data"},
+      // Bytes before the magic number: only the tool's reading applies.
+      {"xx P6\n3 2\n255\n" + bytes(17), "truncated pixel data (17 of 18 bytes)"},
   };
   for (const auto& [contents, problem] : cases) {
     const std::string path = file(contents);

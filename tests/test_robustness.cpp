@@ -91,7 +91,7 @@ const std::vector<CBadFile> kBadPixmaps = {
     {"truncated pixels", EKind::Contents, pixmap(kWidth, kHeight).substr(0, 200), "truncated pixel data"},
     {"zero width", EKind::Contents, "P6\n0 16\n255\n", "invalid image size"},
     {"negative width", EKind::Contents, "P6\n-24 16\n255\n" + std::string(kWidth * kHeight * 3, 'x'),
-     "invalid image size"},
+     "'-' where the width should be"},
     {"absurd extents", EKind::Contents, "P6\n100000 100000\n255\n0123456789", "too large"},
     {"extents beyond the data", EKind::Contents, "P6\n20000 20000\n255\n0123456789", "truncated pixel data"},
     {"16-bit samples", EKind::Contents, pixmap(kWidth, kHeight, "P6", 65535) + std::string(kWidth * kHeight * 3, 'x'),
