@@ -17,8 +17,8 @@ fi
 
 harnesses=(pixmap tracks)
 declare -A sources=(
-  [pixmap]="lib/CPixmap.cpp"
-  [tracks]="lib/CUtility.cpp lib/CPixmap.cpp"
+  [pixmap]="lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CTemporaryFile.cpp"
+  [tracks]="lib/CUtility.cpp lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CTemporaryFile.cpp"
 )
 
 common=(-std=c++17 -O1 -g -ffp-contract=off -fno-omit-frame-pointer
