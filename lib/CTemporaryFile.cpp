@@ -117,6 +117,8 @@ int CTemporaryFile::create() {
 bool CTemporaryFile::commit() {
   if (std::rename(mPath.c_str(), mTarget.c_str()) != 0) return false;
   mPending = false;
+  releaseSlot(mSlot);
+  mSlot = -1;
   return true;
 }
 
