@@ -18,8 +18,10 @@
 #include "CErrors.h"
 #include "CTensor.h"
 #include "CUtility.h"
+#include "ColourImage.h"
 #include "Labelling.h"
 #include "Options.h"
+#include "SegmentationFileName.h"
 
 namespace {
 
@@ -190,19 +192,6 @@ void createResultFolder(const CSettings& aSettings) {
   std::cout << std::endl;
 }
 
-// Reads a pixmap as a colour image; a grey one has its layer repeated.
-CTensor<float> readColour(const std::string& aName) {
-  CTensor<float> image;
-  image.readFromPPM(aName.c_str());
-  if (image.zSize() == 1) {
-    CMatrix<float> grey = image.getMatrix(0);
-    CTensor<float> colour(image.xSize(), image.ySize(), 3);
-    for (int z = 0; z < 3; z++) colour.putMatrix(grey, z);
-    return colour;
-  }
-  return image;
-}
-
 void requireImageSize(const CTensor<float>& aTensor, const std::string& aName, const char* aWhat) {
   if (aTensor.xSize() != mXSize || aTensor.ySize() != mYSize)
     throw fail(aName + ": " + aWhat + " is " + std::to_string(aTensor.xSize()) + " x " +
@@ -210,7 +199,7 @@ void requireImageSize(const CTensor<float>& aTensor, const std::string& aName, c
                std::to_string(mYSize));
 }
 
-std::string segmentationName(int k) { return mInputDir + mInputImg + "_seg" + std::to_string(k) + mInputEnd; }
+std::string segmentationName(int k) { return segmentationFileName(mInputDir + mInputImg, k, mInputEnd); }
 
 // Counts the distinct label colours, stopping early past the limit; aNone
 // says what is wrong when there is no label at all.
@@ -241,7 +230,7 @@ struct CInputs {
 void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   const std::string imageName = mInputDir + mInputImg + mInputEnd;
   NDriver::CLabellingInput& problem = aIn.problem;
-  problem.image = readColour(imageName);
+  problem.image = NColourImage::read(imageName);
   std::cout << "load input file:            " << imageName << std::endl;
   mXSize = problem.image.xSize();
   mYSize = problem.image.ySize();
@@ -249,7 +238,7 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   for (int i = 1; i <= aSettings.NoSegFiles; i++) {
     const std::string name = segmentationName(i - 1);
     std::cout << "load superpixel file:       " << name << std::endl;
-    problem.segmentations.push_back(readColour(name));
+    problem.segmentations.push_back(NColourImage::read(name));
     requireImageSize(problem.segmentations.back(), name, "the segmentation");
   }
   std::cout << "read sparse label file:     " << mTrackFile << std::endl;
@@ -258,7 +247,7 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   CTensor<float> inputTracks(mXSize, mYSize, mZSize, 255.0f);
   if (aSettings.frameNo == -1) {
     const std::string labelName = mInputDir + mTrackFile;
-    inputTracks = readColour(labelName);
+    inputTracks = NColourImage::read(labelName);
     requireImageSize(inputTracks, labelName, "the label image");
     checkLabelCount(inputTracks, labelName, "no labels (every pixel is white)");
   } else {

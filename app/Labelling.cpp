@@ -13,6 +13,7 @@
 #include "CUtility.h"
 #include "Converged.h"
 #include "LevelCost.h"
+#include "SolverRules.h"
 #include "Solver.h"
 
 namespace NDriver {
@@ -99,7 +100,8 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
   // region boundary of the finest segmentation spread over its regions.
   CMatrix<float> weight(nXSize, nYSize, 1.0f);
   if (aSettings.stats != nullptr)
-    aSettings.stats->updates += static_cast<long long>(nXSize) * nYSize * labelCount * 10 * maxITER[il];
+    aSettings.stats->updates +=
+        static_cast<long long>(nXSize) * nYSize * labelCount * NSolverRules::kInnerIterations * maxITER[il];
   const double solveStart = wallSeconds();
   if (aSettings.path == ESolverPath::Reference) {
     CHierarchy hierarchy(aLab, levelSegs);

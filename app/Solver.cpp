@@ -3,10 +3,9 @@
 #include "CProjection.h"
 #include "CSuperpixel.h"
 #include "CSuperpixelLayer.h"
+#include "SolverRules.h"
 
 namespace {
-
-constexpr int maxInnerIter = 10;
 
 // One over-relaxed step; a node without any edge weight (md = 0, only possible
 // for an isolated node) keeps its degree instead of becoming undefined.
@@ -61,7 +60,7 @@ void solveSegmentation_SOR(CHierarchy& sLabImg, CMatrix<float>& aConf, CTensor<f
       sLabImg.getLayer(l)->computeDiffusivitiesNeighbours();
       sLabImg.getLayer(l)->computeDiffusivitiesChildren();
     }
-    for (int inner = 0; inner < maxInnerIter; inner++) {
+    for (int inner = 0; inner < NSolverRules::kInnerIterations; inner++) {
       for (int iz = 0; iz < labelCount; iz++) {
         sweepPixels(pixels, aConf, aLabels, aWeight, aAlpha, aOmega, iz);
         for (int l = 1; l < layers; l++) sweepSuperpixels(*sLabImg.getLayer(l), aOmega, iz);

@@ -22,6 +22,7 @@ public:
     mState = mState * 6364136223846793005ULL + 1442695040888963407ULL;
     return static_cast<double>(mState >> 11) / 9007199254740992.0;
   }
+  double uniform(double aLow, double aHigh) { return aLow + (aHigh - aLow) * uniform(); }
   double gaussian() {
     const double u = std::max(uniform(), 1e-12);
     return std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * uniform());

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "CUtility.h"
+#include "SegmentationFileName.h"
 #include "Segmenter.h"
 #include "SyntheticScene.h"
 
@@ -216,7 +217,8 @@ void writeScene(const std::string& aFolder, const NBench::CScene& aScene, int aS
   const int h = aScene.truth.ySize();
   const std::vector<CMatrix<int>> levels = NSegment::segment(aScene.image, NSegment::defaultRegionCounts(w * h, kLevels));
   for (size_t k = 0; k < levels.size(); k++)
-    NSegment::paintRegions(aScene.image, levels[k]).writeToPPM((aFolder + "/scene_seg" + std::to_string(k) + ".ppm").c_str());
+    NSegment::paintRegions(aScene.image, levels[k])
+        .writeToPPM(segmentationFileName(aFolder + "/scene", static_cast<int>(k), ".ppm").c_str());
   // The ground truth as a grey image, label l at grey value l, for the peer script.
   CTensor<float> truth(w, h, 3);
   for (int z = 0; z < 3; z++)

@@ -39,7 +39,9 @@
 #include "CMatrix.h"
 #include "CTensor.h"
 #include "Driver.h"
+#include "SegmentationFileName.h"
 #include "Segmenter.h"
+#include "SyntheticScene.h"
 
 namespace {
 
@@ -69,26 +71,7 @@ double secondsSince(std::chrono::steady_clock::time_point aStart) {
 
 // Scene
 
-// Deterministic pseudo-random numbers, independent of the standard library.
-class CRandom {
-public:
-  explicit CRandom(uint64_t aSeed) : mState(aSeed) {}
-  uint64_t next() {
-    uint64_t z = (mState += 0x9E3779B97F4A7C15ULL);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-    return z ^ (z >> 31);
-  }
-  double uniform() { return static_cast<double>(next() >> 11) / 9007199254740992.0; }
-  double uniform(double aLow, double aHigh) { return aLow + (aHigh - aLow) * uniform(); }
-  double gaussian() {
-    const double u = std::max(uniform(), 1e-12);
-    return std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * uniform());
-  }
-
-private:
-  uint64_t mState;
-};
+using NBench::CRandom;
 
 // Smooth noise in [-1, 1] on a lattice of aCell frame units; the lattice
 // values are hashed from their coordinates, so no size enters the pattern.
@@ -304,7 +287,8 @@ void writeInputs(const CScene& aScene, const std::vector<CStroke>& aStrokes, con
   const std::vector<CMatrix<int>> levels = NSegment::segment(image, kRegionCounts);
   std::cout << "  " << std::setw(9) << std::left << aSize.name() << std::right << " regions";
   for (size_t k = 0; k < levels.size(); k++) {
-    NSegment::paintRegions(image, levels[k]).writeToPPM((aFolder + "/image_seg" + std::to_string(k) + ".ppm").c_str());
+    NSegment::paintRegions(image, levels[k])
+        .writeToPPM(segmentationFileName(aFolder + "/image", static_cast<int>(k), ".ppm").c_str());
     std::cout << (k == 0 ? " " : " / ") << regionCount(levels[k]);
   }
   renderScribbles(aStrokes, aSize).writeToPPM((aFolder + "/labels.ppm").c_str());

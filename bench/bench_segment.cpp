@@ -24,6 +24,7 @@
 
 #include "CMatrix.h"
 #include "CTensor.h"
+#include "SegmentationFileName.h"
 #include "Segmenter.h"
 #include "SyntheticScene.h"
 
@@ -108,7 +109,8 @@ void writeHierarchy(const std::string& aFolder, const CScene& aScene, const std:
   CTensor<float>(aScene.image).writeToPPM((aFolder + "/scene.ppm").c_str());
   CTensor<float>(aScribbles).writeToPPM((aFolder + "/scribbles.ppm").c_str());
   for (size_t k = 0; k < aLevels.size(); k++)
-    NSegment::paintRegions(aScene.image, aLevels[k]).writeToPPM((aFolder + "/scene_seg" + std::to_string(k) + ".ppm").c_str());
+    NSegment::paintRegions(aScene.image, aLevels[k])
+        .writeToPPM(segmentationFileName(aFolder + "/scene", static_cast<int>(k), ".ppm").c_str());
 }
 
 bool toolWorks(const std::string& aTool) {

@@ -6,6 +6,7 @@
 
 #include "CErrors.h"
 #include "CFilter.h"
+#include "SolverRules.h"
 
 float mDistRelaxationFac = 0.0f;
 
@@ -18,10 +19,7 @@ float diffusivity(const CVector<float>& aVec1, const CVector<float>& aVec2) {
   return CSuperpixelLayer::diffusivity_fl(sum);
 }
 
-float distFCT(float dist) {
-  const float exponent = -dist * dist / mDistRelaxationFac;
-  return static_cast<float>(std::exp(static_cast<double>(exponent)));
-}
+float distFCT(float dist) { return NSolverRules::spatialFactor(dist, mDistRelaxationFac); }
 
 void getZVector(const CTensor<float>& aTensor, int ix, int iy, CVector<float>& vec) {
   const int z = aTensor.zSize();
@@ -55,7 +53,7 @@ void getLeafColour(const CTensor<float>& aImage, const CSuperpixel* aNode, CVect
 }  // namespace
 
 CSuperpixelLayer::CSuperpixelLayer(int aXSize, int aYSize) {
-  mDistRelaxationFac = static_cast<float>(0.2 * std::max(aXSize, aYSize));
+  mDistRelaxationFac = NSolverRules::distanceRelaxation(aXSize, aYSize);
 }
 
 CSuperpixel* CSuperpixelLayer::addSP() {

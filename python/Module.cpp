@@ -9,6 +9,7 @@
 #include "ArrayConversion.h"
 #include "CErrors.h"
 #include "CUtility.h"
+#include "ColourImage.h"
 #include "Labelling.h"
 #include "SegmentTool.h"
 #include "Segmenter.h"
@@ -146,7 +147,7 @@ py::array_t<std::uint8_t> readImage(const std::string& aPath) {
   } catch (const EInvalidFileFormat&) {
     fileFailure("read", aPath);
   }
-  return NPython::byteImage(NSegment::toColour(image));
+  return NPython::byteImage(NColourImage::toColour(image));
 }
 
 void writeImage(const std::string& aPath, const py::handle& aImage) {

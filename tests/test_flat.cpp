@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -14,12 +13,11 @@
 #include "CSuperpixelLayer.h"
 #include "CUtility.h"
 #include "Driver.h"
+#include "SameBits.h"
 #include "Solver.h"
 #include "TestSupport.h"
 
 namespace {
-
-bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof(float)) == 0; }
 
 struct CCase {
   int width = 0;

@@ -12,6 +12,8 @@
 
 #include "CErrors.h"
 #include "CTensor.h"
+#include "ColourImage.h"
+#include "SegmentationFileName.h"
 #include "Segmenter.h"
 
 namespace NSegmentTool {
@@ -112,9 +114,7 @@ void run(const COptions& aOptions) {
   // Names first, so that a name the labelling tool cannot use fails before any work.
   std::vector<std::string> names;
   for (int k = 0; k < aOptions.levels; k++) names.push_back(segmentationName(aOptions.image, aOptions.outputDir, k));
-  CTensor<float> image;
-  image.readFromPPM(aOptions.image.c_str());
-  image = NSegment::toColour(image);
+  const CTensor<float> image = NColourImage::read(aOptions.image);
   if (aOptions.levels == 0) return;
   // Checked before the segmentation, whose work would be lost otherwise.
   if (!aOptions.outputDir.empty()) ensureFolder(aOptions.outputDir);
@@ -180,7 +180,7 @@ std::string segmentationName(const std::string& aImage, const std::string& aOutp
     throw EArgumentError(aImage, "the image name needs an ending such as .ppm (the labelling tool requires one)");
   std::string target = folder;
   if (!aOutputDir.empty()) target = aOutputDir.back() == '/' ? aOutputDir : aOutputDir + "/";
-  return target + file.substr(0, dot) + "_seg" + std::to_string(aLevel) + file.substr(dot);
+  return segmentationFileName(target + file.substr(0, dot), aLevel, file.substr(dot));
 }
 
 int main(int argc, char** argv) {

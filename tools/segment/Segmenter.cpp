@@ -145,12 +145,4 @@ CTensor<float> paintRegions(const CTensor<float>& aImage, const CMatrix<int>& aL
   return painted;
 }
 
-CTensor<float> toColour(const CTensor<float>& aImage) {
-  if (aImage.zSize() != 1) return aImage;
-  const int n = aImage.xSize() * aImage.ySize();
-  CTensor<float> colour(aImage.xSize(), aImage.ySize(), 3);
-  for (int c = 0; c < 3; c++) std::copy(aImage.data(), aImage.data() + n, colour.data() + static_cast<size_t>(c) * n);
-  return colour;
-}
-
 }  // namespace NSegment

@@ -32,7 +32,4 @@ std::vector<CMatrix<int>> segment(const CTensor<float>& aImage, const std::vecto
 // colour, in the nearest free colour: every region gets a colour of its own.
 CTensor<float> paintRegions(const CTensor<float>& aImage, const CMatrix<int>& aLabels);
 
-// A one-layer (grey) tensor repeated into three layers; others unchanged.
-CTensor<float> toColour(const CTensor<float>& aImage);
-
 }  // namespace NSegment
