@@ -47,13 +47,10 @@ py::tuple label(const py::handle& aImage, const py::handle& aLabels, const py::h
     }));
   NDriver::CLabellingSettings settings;
   settings.alpha = static_cast<float>(aAlpha);
+  settings.converged = aConverged;
   // At 1 the unlabelled pixels have no weight at all (a division by zero).
   if (!(settings.alpha >= 0.0f && settings.alpha < 1.0f))
     throw py::value_error("alpha must be a number from 0 up to (not including) 1, not " + std::to_string(aAlpha));
-  if (aConverged) {
-    PyErr_SetString(PyExc_NotImplementedError, "converged=True: the converged mode is not available in this build");
-    throw py::error_already_set();
-  }
   CTensor<float> soft;
   CMatrix<int> hard;
   {
@@ -173,7 +170,9 @@ segmentations  sequence of superpixel segmentations, fine to coarse: HxW
                integer region maps (such as segment() returns) or HxWx3 uint8
                colour-coded images (such as tarnwick-segment writes).
 alpha          weight of the labelled pixels against smoothness, 0 <= alpha < 1.
-converged      solve to convergence instead (where this build has that mode).
+converged      solve to convergence with the labelled pixels fixed instead of
+               the coarse-to-fine relaxation (as `tarnwick --converged`);
+               alpha is not used then.
 
 Returns soft, an HxWxL float32 array of label degrees, and hard, an HxW int32
 array with the strongest label of every pixel (ties to the lowest; -1 where a

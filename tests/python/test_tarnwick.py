@@ -79,6 +79,18 @@ def test_label_paints_the_command_line_files(demo, tmp_path, k, alpha):
     assert np.array_equal(hard, np.argmax(soft, axis=2))
 
 
+def test_converged_mode_paints_the_command_line_files(demo, tmp_path):
+    image, scribbles, segmentations = demo
+    subprocess.run([TARNWICK, os.path.join(EXAMPLES, "demo.ppm"), "3", "demo_labels.ppm", "0", "0.3", "0", "--converged",
+                    f"{tmp_path}/"], check=True, capture_output=True)
+    results = os.path.join(tmp_path, "TarnwickResults", "demo")
+    soft, hard = tarnwick.label(image, scribbles, segmentations, converged=True)
+    colours = tarnwick.label_colours(scribbles)
+    assert same_bits(tarnwick.colourize(soft, colours), read_pnm(results + "_dense_soft.ppm"))
+    assert same_bits(tarnwick.colourize(hard, colours), read_pnm(results + "_dense.ppm"))
+    assert not same_bits(soft, tarnwick.label(image, scribbles, segmentations)[0])
+
+
 def test_label_numbers_give_the_same_degrees_as_label_colours(demo):
     image, scribbles, segmentations = demo
     by_colour = tarnwick.label(image, scribbles, segmentations)
@@ -208,8 +220,3 @@ def test_bad_arguments_raise_clear_errors(call, error, fragment):
     with pytest.raises(error) as raised:
         call()
     assert fragment in str(raised.value)
-
-
-def test_converged_mode_is_refused_while_not_built():
-    with pytest.raises(NotImplementedError, match="converged"):
-        tarnwick.label(IMAGE, LABELS, converged=True)
