@@ -10,10 +10,6 @@ namespace {
 
 // Systems this small are solved directly.
 constexpr int kDirectLimit = 400;
-// A link is strong when it weighs at least this share of the node's strongest.
-constexpr float kStrongShare = 0.05f;
-// Largest group of one level.
-constexpr int kGroupSize = 10;
 // A node whose ground weight exceeds its links this many times over is handled
 // by the smoother alone (typically a pixel beside many labelled ones).
 constexpr float kDominance = 5.0f;
@@ -22,44 +18,35 @@ constexpr double kStall = 0.85;
 constexpr int kMaxLevels = 40;
 
 // Groups the nodes along their strongest links: a node joins the group of
-// its strongest neighbour, or starts a new one with it, when that link is
-// strong and the group has room. Returns the number of groups.
+// its strongest neighbour, or starts a new group with it. Pixels tied to a
+// region more strongly than to each other thus gather with it in one group.
+// Returns the number of groups.
 int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
   const int n = aMatrix.nodeCount();
   aGroup.assign(static_cast<size_t>(n), -2);
-  for (int i = 0; i < n; i++) {
-    float sum = 0.0f;
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) sum += aMatrix.mWeight[e];
-    if (aMatrix.mGround[i] > kDominance * sum) aGroup[i] = -1;
-  }
-  std::vector<int> size;
+  for (int i = 0; i < n; i++)
+    if (aMatrix.mGround[i] > kDominance * aMatrix.linkSum(i)) aGroup[i] = -1;
+  int groups = 0;
   for (int i = 0; i < n; i++) {
     if (aGroup[i] != -2) continue;
-    float strongest = 0.0f;
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) strongest = std::max(strongest, aMatrix.mWeight[e]);
     int partner = -1;
-    float best = kStrongShare * strongest;
+    float best = 0.0f;
     for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
       const int j = aMatrix.mNeighbour[e];
-      const bool room = aGroup[j] == -2 || (aGroup[j] >= 0 && size[aGroup[j]] < kGroupSize);
-      if (j != i && room && aMatrix.mWeight[e] >= best && aMatrix.mWeight[e] > 0.0f) {
+      if (j != i && aGroup[j] != -1 && aMatrix.mWeight[e] > best) {
         best = aMatrix.mWeight[e];
         partner = j;
       }
     }
     if (partner >= 0 && aGroup[partner] >= 0) {
       aGroup[i] = aGroup[partner];
-      size[aGroup[i]]++;
       continue;
     }
-    aGroup[i] = static_cast<int>(size.size());
-    size.push_back(1);
-    if (partner >= 0) {
-      aGroup[partner] = aGroup[i];
-      size.back()++;
-    }
+    aGroup[i] = groups;
+    if (partner >= 0) aGroup[partner] = groups;
+    groups++;
   }
-  return static_cast<int>(size.size());
+  return groups;
 }
 
 // The Galerkin product P^T A P for the piecewise constant P of aGroup.

@@ -20,6 +20,9 @@ struct CConvergedParameters {
   // the square root of the pixel count so that it keeps its share against
   // region boundaries, whose length grows with the resolution.
   float mPixelLink = 5.0f;
+  // A labelled pixel's link to its region weighs this many times a plain
+  // pixel's, so that a few points decide a region their label has reached.
+  float mSeedLink = 10.0f;
   // A region's link to its parent, per pixel of the region, relative to the
   // pixel link.
   float mParentLink = 0.1f;

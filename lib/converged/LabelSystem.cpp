@@ -119,9 +119,10 @@ void addPixelEdges(const CTensor<float>& aImage, float aBeta, std::vector<CEdge>
 }
 
 // Links of every pixel to its finest region and of every region to its
-// parent, gated by the colour distance between the two ends.
+// parent, gated by the colour distance between the two ends; labelled pixels
+// hold on to their region more strongly.
 void addRegionLinks(const CTensor<float>& aImage, const std::vector<CTensor<float>>& aSegmentations,
-                    const CConvergedParameters& aParameters, std::vector<CEdge>& aEdges) {
+                    const CConvergedParameters& aParameters, const CMatrix<int>& aLabelOf, std::vector<CEdge>& aEdges) {
   const int n = aImage.xSize() * aImage.ySize();
   std::vector<CRegions> layers;
   for (const CTensor<float>& segmentation : aSegmentations) layers.push_back(findRegions(segmentation, aImage));
@@ -138,7 +139,8 @@ void addRegionLinks(const CTensor<float>& aImage, const std::vector<CTensor<floa
   double mean = total > 0 ? total / n : 1.0;
   for (int i = 0; i < n; i++)
     aEdges.push_back({i, n + layers[0].mOfPixel[static_cast<size_t>(i)],
-                      static_cast<float>(link * std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)] / mean))});
+                      static_cast<float>((aLabelOf.data()[i] >= 0 ? aParameters.mSeedLink : 1.0) * link *
+                                         std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)] / mean))});
   int firstNode = n;
   for (size_t k = 0; k + 1 < layers.size(); k++) {
     const CRegions& fine = layers[k];
@@ -175,7 +177,7 @@ CLabelSystem buildLabelSystem(const CTensor<float>& aImage, const std::vector<CT
   std::vector<CEdge> edges;
   edges.reserve(static_cast<size_t>(n) * (aSegmentations.empty() ? 2 : 3));
   addPixelEdges(aImage, aParameters.mBeta, edges);
-  if (!aSegmentations.empty()) addRegionLinks(aImage, aSegmentations, aParameters, edges);
+  if (!aSegmentations.empty()) addRegionLinks(aImage, aSegmentations, aParameters, aLabelOf, edges);
   const int nodes = nodeCount(n, edges);
 
   CLabelSystem system;
