@@ -73,7 +73,7 @@ public:
   // Binary pixmap input ("P6" colour or "P5" grey) and "P6" output of
   // layers 0 to 2; a tensor with fewer layers is refused with EFileError.
   void readFromPPM(const char* aFilename);
-  void writeToPPM(const char* aFilename);
+  void writeToPPM(const char* aFilename) const;
 
 protected:
   static std::unique_ptr<T[]> allocate(int aXSize, int aYSize, int aZSize) {
@@ -175,7 +175,7 @@ void CTensor<T>::readFromPPM(const char* aFilename) {
 }
 
 template <class T>
-void CTensor<T>::writeToPPM(const char* aFilename) {
+void CTensor<T>::writeToPPM(const char* aFilename) const {
   if (mZSize < 3) throw EFileError(aFilename, "cannot write " + std::to_string(mZSize) + " layers as a colour pixmap");
   const int n = mXSize * mYSize;
   std::vector<unsigned char> bytes(static_cast<size_t>(std::max(n, 0)) * 3);
