@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "CErrors.h"
+#include "CImageFile.h"
 #include "CTensor.h"
 #include "CUtility.h"
 #include "ColourImage.h"
@@ -64,9 +65,9 @@ struct CSettings {
 void printUsage() {
   std::cout << "input image name missing! " << std::endl;
   std::cout << "The program needs 3 arguments (plus 2 optional arguments):" << std::endl;
-  std::cout << "- argument 1 : image file (ppm)" << std::endl;
+  std::cout << "- argument 1 : image file (ppm, png or jpeg)" << std::endl;
   std::cout << "- argument 2 : number of hierarchy levels" << std::endl;
-  std::cout << "- argument 3 : initial sparse labels (ppm)" << std::endl;
+  std::cout << "- argument 3 : initial sparse labels (ppm or png)" << std::endl;
   std::cout << "- argument 3 : initial sparse labels (track-file; needs argument 4) " << std::endl;
   std::cout << "- argument 4*: frame number in track file [set to 0 if ppm is given]" << std::endl;
   std::cout << "- argument 5*: regularization parameter alpha [default = 0.3]" << std::endl;
@@ -199,7 +200,20 @@ void requireImageSize(const CTensor<float>& aTensor, const std::string& aName, c
                std::to_string(mYSize));
 }
 
-std::string segmentationName(int k) { return segmentationFileName(mInputDir + mInputImg, k, mInputEnd); }
+bool exists(const std::string& aName) {
+  struct stat info {};
+  return stat(aName.c_str(), &info) == 0;
+}
+
+// NAME_segK with the image's ending; when that is missing, the .png and then
+// the .ppm file, so that a JPEG frame can have PNG segmentations. When none
+// exists the first name is reported missing.
+std::string segmentationName(int k) {
+  const std::string stem = mInputDir + mInputImg;
+  for (const std::string& ending : {mInputEnd, std::string(".png"), std::string(".ppm")})
+    if (exists(segmentationFileName(stem, k, ending))) return segmentationFileName(stem, k, ending);
+  return segmentationFileName(stem, k, mInputEnd);
+}
 
 // Counts the distinct label colours, stopping early past the limit; aNone
 // says what is wrong when there is no label at all.
@@ -230,7 +244,7 @@ struct CInputs {
 void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   const std::string imageName = mInputDir + mInputImg + mInputEnd;
   NDriver::CLabellingInput& problem = aIn.problem;
-  problem.image = NColourImage::read(imageName);
+  problem.image = NColourImage::read(imageName, NImageFile::EContent::Photo);
   std::cout << "load input file:            " << imageName << std::endl;
   mXSize = problem.image.xSize();
   mYSize = problem.image.ySize();
@@ -238,7 +252,7 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   for (int i = 1; i <= aSettings.NoSegFiles; i++) {
     const std::string name = segmentationName(i - 1);
     std::cout << "load superpixel file:       " << name << std::endl;
-    problem.segmentations.push_back(NColourImage::read(name));
+    problem.segmentations.push_back(NColourImage::read(name, NImageFile::EContent::ExactColours));
     requireImageSize(problem.segmentations.back(), name, "the segmentation");
   }
   std::cout << "read sparse label file:     " << mTrackFile << std::endl;
@@ -247,7 +261,7 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   CTensor<float> inputTracks(mXSize, mYSize, mZSize, 255.0f);
   if (aSettings.frameNo == -1) {
     const std::string labelName = mInputDir + mTrackFile;
-    inputTracks = NColourImage::read(labelName);
+    inputTracks = NColourImage::read(labelName, NImageFile::EContent::ExactColours);
     requireImageSize(inputTracks, labelName, "the label image");
     checkLabelCount(inputTracks, labelName, "no labels (every pixel is white)");
   } else {
@@ -260,26 +274,32 @@ void loadInputs(const CSettings& aSettings, CInputs& aIn) {
   CUtility::labelFunction2confidenceMask(problem.labels, problem.confidence);
 }
 
-void writeInitialLabels(CInputs& aIn) {
+// Writes result NAME + aSuffix into the results folder in the chosen format.
+void writeResult(const CSettings& aSettings, const CTensor<float>& aImage, const std::string& aSuffix) {
+  const NImageFile::EFormat format = aSettings.options.format;
+  NImageFile::write(mResultDir + mInputImg + aSuffix + NImageFile::ending(format), aImage, format);
+}
+
+void writeInitialLabels(const CSettings& aSettings, CInputs& aIn) {
   CTensor<float> sparseLabels(mXSize, mYSize, mZSize, 255.0f);
   CUtility::plotSparseLabels(sparseLabels, aIn.problem.labels, aIn.problem.confidence, aIn.mapLabelToColor);
-  sparseLabels.writeToPPM((mResultDir + mInputImg + "_initialLabels.ppm").c_str());
+  writeResult(aSettings, sparseLabels, "_initialLabels");
 }
 
 void writeOutputs(const CSettings& aSettings, const CInputs& aIn, const CTensor<float>& aSoft) {
   CTensor<float> canvas(mXSize, mYSize, mZSize, 255.0f);
   CUtility::plotOverlayColor(canvas, aSoft, aIn.mapLabelToColor, 1.0f);
-  canvas.writeToPPM((mResultDir + mInputImg + "_dense_soft.ppm").c_str());
+  writeResult(aSettings, canvas, "_dense_soft");
   const CTensor<float> hard = NDriver::hardLabelling(aSoft);
   canvas.fill(255.0f);
   CUtility::plotOverlayColor(canvas, hard, aIn.mapLabelToColor, 1.0f);
-  canvas.writeToPPM((mResultDir + mInputImg + "_dense.ppm").c_str());
+  writeResult(aSettings, canvas, "_dense");
   if (aSettings.outChoice > 0) {
     canvas = aIn.problem.image;
     CUtility::plotOverlayColor(canvas, hard, aIn.mapLabelToColor, 0.4f);
     if (mShowInit)
       CUtility::plotSparseLabels(canvas, aIn.problem.labels, aIn.problem.confidence, aIn.mapLabelToColor);
-    canvas.writeToPPM((mResultDir + mInputImg + "_denseOUT.ppm").c_str());
+    writeResult(aSettings, canvas, "_denseOUT");
   }
 }
 
@@ -292,7 +312,7 @@ int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* a
   createResultFolder(settings);
   CInputs inputs;
   loadInputs(settings, inputs);
-  writeInitialLabels(inputs);
+  writeInitialLabels(settings, inputs);
   std::cout << "alpha:             " << settings.aAlpha << std::endl;
   std::cout << std::endl;
   NDriver::CLabellingSettings labelling;

@@ -9,6 +9,7 @@ const std::vector<COptionHelp>& optionHelp() {
   static const std::vector<COptionHelp> help = {
       {"--help", "print this text and end"},
       {"--converged", "solve the labelling to convergence (labelled pixels fixed); alpha is not used"},
+      {"--format ppm|png", "file format of the results (default ppm)"},
   };
   return help;
 }
@@ -41,6 +42,11 @@ std::vector<char*> splitOptions(int argc, char** argv, COptions& aOptions) {
       aOptions.help = true;
     } else if (name == "--converged" && !hasValue) {
       aOptions.converged = true;
+    } else if (name == "--format") {
+      if (!hasValue && i + 1 == argc) throw std::invalid_argument("option --format needs a value: ppm or png");
+      if (!hasValue) value = argv[++i];
+      if (!NImageFile::parseWriteFormat(value, aOptions.format))
+        throw std::invalid_argument("option --format: '" + value + "' is not ppm or png");
     } else {
       throw std::invalid_argument("unknown option '" + std::string(argv[i]) + "' (see --help)");
     }

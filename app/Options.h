@@ -5,11 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "CImageFile.h"
+
 namespace NDriver {
 
 struct COptions {
   bool help = false;
   bool converged = false;  // solve the degrees to convergence instead of the exact run
+  NImageFile::EFormat format = NImageFile::EFormat::Pixmap;  // of the result files
 };
 
 struct COptionHelp {

@@ -12,10 +12,8 @@ CTensor<float> toColour(const CTensor<float>& aImage) {
   return colour;
 }
 
-CTensor<float> read(const std::string& aFilename) {
-  CTensor<float> image;
-  image.readFromPPM(aFilename.c_str());
-  return toColour(image);
+CTensor<float> read(const std::string& aFilename, NImageFile::EContent aContent) {
+  return toColour(NImageFile::read(aFilename, aContent));
 }
 
 }  // namespace NColourImage

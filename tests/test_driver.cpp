@@ -82,9 +82,9 @@ CRunResult runTool(const std::vector<std::string>& aArgs, const std::string& aWo
 const char* const kUsage[] = {
     "input image name missing! ",
     "The program needs 3 arguments (plus 2 optional arguments):",
-    "- argument 1 : image file (ppm)",
+    "- argument 1 : image file (ppm, png or jpeg)",
     "- argument 2 : number of hierarchy levels",
-    "- argument 3 : initial sparse labels (ppm)",
+    "- argument 3 : initial sparse labels (ppm or png)",
     "- argument 3 : initial sparse labels (track-file; needs argument 4) ",
     "- argument 4*: frame number in track file [set to 0 if ppm is given]",
     "- argument 5*: regularization parameter alpha [default = 0.3]",

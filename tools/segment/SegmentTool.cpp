@@ -21,20 +21,22 @@ namespace NSegmentTool {
 namespace {
 
 const char* const kUsage =
-    "Usage: tarnwick-segment IMAGE.ppm K [options]\n"
+    "Usage: tarnwick-segment IMAGE K [options]\n"
     "\n"
-    "Writes K nested superpixel segmentations of IMAGE.ppm, fine to coarse, as\n"
+    "Writes K nested superpixel segmentations of IMAGE, fine to coarse, as\n"
     "IMAGE_seg0.ppm ... IMAGE_seg<K-1>.ppm beside the image: the segmentation\n"
-    "files that 'tarnwick IMAGE.ppm K LABELS' reads. Every region of a level is\n"
+    "files that 'tarnwick IMAGE K LABELS' reads. Every region of a level is\n"
     "a union of regions of the level before, and every region is painted in a\n"
     "colour of its own, as close to its mean colour as the others allow.\n"
     "\n"
     "Arguments:\n"
-    "  IMAGE.ppm              binary colour (P6) or grey (P5) pixmap\n"
+    "  IMAGE                  binary colour (P6) or grey (P5) pixmap, PNG or JPEG\n"
     "  K                      number of levels, 0 to 10 (0 writes nothing)\n"
     "\n"
     "Options:\n"
     "  -o, --output DIR       write into DIR (created when missing)\n"
+    "      --format ppm|png   file format of the segmentations; default: ppm\n"
+    "                         (with the image's ending) for a pixmap image, else png\n"
     "  -r, --regions N1,N2,.. region counts, fine to coarse, one per level, each\n"
     "                         at most 0.8 times the one before (1 may follow 1);\n"
     "                         default pixels/500 for the finest, pixels/3000 for\n"
@@ -111,10 +113,16 @@ void ensureFolder(const std::string& aFolder) {
 }
 
 void run(const COptions& aOptions) {
+  const bool pixmapImage = NImageFile::detect(aOptions.image) == NImageFile::EFormat::Pixmap;
+  const NImageFile::EFormat format =
+      aOptions.format.value_or(pixmapImage ? NImageFile::EFormat::Pixmap : NImageFile::EFormat::Png);
+  // Pixmaps of a pixmap image keep its ending, whatever it is.
+  const std::string ending = pixmapImage && format == NImageFile::EFormat::Pixmap ? "" : NImageFile::ending(format);
   // Names first, so that a name the labelling tool cannot use fails before any work.
   std::vector<std::string> names;
-  for (int k = 0; k < aOptions.levels; k++) names.push_back(segmentationName(aOptions.image, aOptions.outputDir, k));
-  const CTensor<float> image = NColourImage::read(aOptions.image);
+  for (int k = 0; k < aOptions.levels; k++)
+    names.push_back(segmentationName(aOptions.image, aOptions.outputDir, k, ending));
+  const CTensor<float> image = NColourImage::read(aOptions.image, NImageFile::EContent::Photo);
   if (aOptions.levels == 0) return;
   // Checked before the segmentation, whose work would be lost otherwise.
   if (!aOptions.outputDir.empty()) ensureFolder(aOptions.outputDir);
@@ -124,7 +132,7 @@ void run(const COptions& aOptions) {
   const std::vector<CMatrix<int>> levels = NSegment::segment(image, counts);
   for (size_t k = 0; k < levels.size(); k++) {
     const int regions = levels[k].size() > 0 ? *std::max_element(levels[k].data(), levels[k].data() + levels[k].size()) + 1 : 0;
-    NSegment::paintRegions(image, levels[k]).writeToPPM(names[k].c_str());
+    NImageFile::write(names[k], NSegment::paintRegions(image, levels[k]), format);
     std::cout << names[k] << ": " << regions << (regions == 1 ? " region" : " regions") << std::endl;
   }
 }
@@ -139,6 +147,7 @@ COptions parseArguments(const std::vector<std::string>& aArgs) {
   COptions options;
   std::vector<std::string> positional;
   std::string regions;
+  std::string format;
   for (size_t i = 0; i < aArgs.size(); i++) {
     const std::string& arg = aArgs[i];
     if (arg == "-h" || arg == "--help") {
@@ -151,12 +160,18 @@ COptions parseArguments(const std::vector<std::string>& aArgs) {
     }
     if (optionValue(aArgs, i, "-o", "--output", options.outputDir) || optionValue(aArgs, i, "-r", "--regions", regions))
       continue;
+    if (optionValue(aArgs, i, "--format", "--format", format)) {
+      NImageFile::EFormat parsed = NImageFile::EFormat::Pixmap;
+      if (!NImageFile::parseWriteFormat(format, parsed)) throw EArgumentError("--format", "'" + format + "' is not ppm or png");
+      options.format = parsed;
+      continue;
+    }
     // A negative number is a (bad) K, not an option.
     if (arg.size() > 1 && arg[0] == '-' && !isInteger(arg)) throw EArgumentError(arg, "unknown option");
     positional.push_back(arg);
   }
-  if (positional.empty()) throw EArgumentError("IMAGE", "missing (usage: tarnwick-segment IMAGE.ppm K [options])");
-  if (positional.size() == 1) throw EArgumentError("K", "missing (usage: tarnwick-segment IMAGE.ppm K [options])");
+  if (positional.empty()) throw EArgumentError("IMAGE", "missing (usage: tarnwick-segment IMAGE K [options])");
+  if (positional.size() == 1) throw EArgumentError("K", "missing (usage: tarnwick-segment IMAGE K [options])");
   if (positional.size() > 2) throw EArgumentError(positional[2], "unexpected argument");
   options.image = positional[0];
   options.levels = parseInteger(positional[1], "K");
@@ -171,7 +186,8 @@ COptions parseArguments(const std::vector<std::string>& aArgs) {
   return options;
 }
 
-std::string segmentationName(const std::string& aImage, const std::string& aOutputDir, int aLevel) {
+std::string segmentationName(const std::string& aImage, const std::string& aOutputDir, int aLevel,
+                             const std::string& aEnding) {
   const size_t slash = aImage.rfind('/');
   const std::string folder = slash == std::string::npos ? "" : aImage.substr(0, slash + 1);
   const std::string file = slash == std::string::npos ? aImage : aImage.substr(slash + 1);
@@ -180,7 +196,7 @@ std::string segmentationName(const std::string& aImage, const std::string& aOutp
     throw EArgumentError(aImage, "the image name needs an ending such as .ppm (the labelling tool requires one)");
   std::string target = folder;
   if (!aOutputDir.empty()) target = aOutputDir.back() == '/' ? aOutputDir : aOutputDir + "/";
-  return segmentationFileName(target + file.substr(0, dot), aLevel, file.substr(dot));
+  return segmentationFileName(target + file.substr(0, dot), aLevel, aEnding.empty() ? file.substr(dot) : aEnding);
 }
 
 int main(int argc, char** argv) {
