@@ -17,8 +17,11 @@ public:
   static void binary(CTensor<float>& aLabelFunction);
   // Per pixel: Euclidean projection onto the probability simplex.
   static void simplex(CTensor<float>& aTensor);
-  // The same by random pivots; generators are seeded per row, so the result
-  // does not depend on the number of threads.
+
+  // Toolbox the labelling run does not call (lib/toolbox/PivotSimplex.cpp,
+  // BallProjections.cpp).
+  // Per pixel: the simplex projection by random pivots; generators are seeded
+  // per row, so the result does not depend on the number of threads.
   static void simplex_DSSC(CTensor<float>& aTensor);
   // Per pixel: scales the joint vector (p1, p2) over all layers into the unit ball.
   static void L2sphere_coupled(CTensor<float>& p1, CTensor<float>& p2);

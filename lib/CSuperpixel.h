@@ -36,11 +36,9 @@ public:
   int getLabel() const { return mLabel; }
 
   // Spatial distance of each neighbour, and the unused constant distance.
-  void addDistance(float ad) { mDistance.push_back(ad); }
   void setDistance(float ad, int index) { mDistance[index] = ad; }
   float getDistance(int index) const { return mDistance[index]; }
   const std::vector<float>& getDistance() const { return mDistance; }
-  void addConstDistance(float ad) { mConstDistance.push_back(ad); }
   void setConstDistance(float ad, int index) { mConstDistance[index] = ad; }
   float getConstDistance(int index) const { return mConstDistance[index]; }
   const std::vector<float>& getConstDistance() const { return mConstDistance; }
@@ -59,10 +57,8 @@ public:
   const std::vector<CSuperpixel*>& getNeighbours() const { return mNeighbours; }
   CSuperpixel* getNeighbour(int index) const { return mNeighbours[index]; }
   void removeNeighbour(int index);
-  void addDiffusivityNeighbour(float ad) { mDiffusivitiesNeighbours.push_back(ad); }
   void setDiffusivityNeighbour(float ad, int index) { mDiffusivitiesNeighbours[index] = ad; }
   float getDiffusivityNeighbour(int index) const { return mDiffusivitiesNeighbours[index]; }
-  void addConstDiffusivityNeighbour(float ad) { mConstDiffusivitiesNeighbours.push_back(ad); }
   void setConstDiffusivityNeighbour(float ad, int index) { mConstDiffusivitiesNeighbours[index] = ad; }
   float getConstDiffusivityNeighbour(int index) const { return mConstDiffusivitiesNeighbours[index]; }
 
@@ -82,10 +78,8 @@ public:
     mConstDiffusivitiesChildren.push_back(1.0f);
   }
   const std::vector<CSuperpixel*>& getChildren() const { return mChildren; }
-  void addDiffusivityChildren(float ad) { mDiffusivitiesChildren.push_back(ad); }
   void setDiffusivityChildren(float ad, int index) { mDiffusivitiesChildren[index] = ad; }
   float getDiffusivityChildren(int index) const { return mDiffusivitiesChildren[index]; }
-  void addConstDiffusivityChildren(float ad) { mConstDiffusivitiesChildren.push_back(ad); }
   void setConstDiffusivityChildren(float ad, int index) { mConstDiffusivitiesChildren[index] = ad; }
   float getConstDiffusivityChildren(int index) const { return mConstDiffusivitiesChildren[index]; }
 

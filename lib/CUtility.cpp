@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "CErrors.h"
+#include "TensorChecks.h"
 
 // Labels 0 to 19 in the first row, 20 to 39 in the second.
 const int CUtility::mR[40] = {
@@ -28,23 +29,13 @@ const int CUtility::mGray[40] = {
 
 namespace {
 
+using NTensorChecks::requireCovers;
+using NTensorChecks::requireLayers;
+using NTensorChecks::requireSameExtents;
+
 using CColorTable = std::vector<std::array<int, 3>>;
 
 constexpr float mInfinity = 1e21f;
-
-void requireLayers(const CTensor<float>& aTensor, int aLayers) {
-  if (aTensor.zSize() < aLayers) throw ETensorIncompatibleSize(aTensor.xSize(), aTensor.ySize(), aTensor.zSize());
-}
-
-// A container of aXSize by aYSize must offer at least the pixels the loop visits.
-void requireCovers(int aXSize, int aYSize, int aNeededX, int aNeededY) {
-  if (aXSize < aNeededX || aYSize < aNeededY) throw ETensorIncompatibleSize(aXSize, aYSize, aNeededX, aNeededY);
-}
-
-void requireSameExtents(const CMatrix<float>& aResult, int aXSize, int aYSize) {
-  if (aResult.xSize() != aXSize || aResult.ySize() != aYSize)
-    throw ETensorIncompatibleSize(aResult.xSize(), aResult.ySize(), aXSize, aYSize);
-}
 
 bool isWhite(float aR, float aG, float aB) { return aR == 255.0f && aG == 255.0f && aB == 255.0f; }
 
@@ -127,80 +118,6 @@ void markBoundaries(const CTensor<float>& aTensor, CMatrix<float>& aComputed) {
 
 // Squares are formed as integers; 64 bits keep very long lines defined.
 float squareOf(int aValue) { return static_cast<float>(static_cast<long long>(aValue) * aValue); }
-
-// The four difference operators take the input as a callable (x, y) -> value
-// so that matrices and tensor layers share one implementation.
-template <class Input>
-void forwardX(const Input& aIn, CMatrix<float>& aResult) {
-  const int width = aResult.xSize();
-  const int height = aResult.ySize();
-  if (width < 1) return;
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++) aResult(width - 1, y) = 0;
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++)
-    for (int x = 0; x < width - 1; x++) aResult(x, y) = aIn(x + 1, y) - aIn(x, y);
-}
-
-template <class Input>
-void forwardY(const Input& aIn, CMatrix<float>& aResult) {
-  const int width = aResult.xSize();
-  const int height = aResult.ySize();
-  if (height < 1) return;
-#pragma omp parallel for schedule(static)
-  for (int x = 0; x < width; x++) aResult(x, height - 1) = 0;
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height - 1; y++)
-    for (int x = 0; x < width; x++) aResult(x, y) = aIn(x, y + 1) - aIn(x, y);
-}
-
-// A single column has a zero gradient, so its adjoint divergence is zero too
-// (the general boundary formula would read column -1).
-template <class Input>
-void backwardX(const Input& aIn, CMatrix<float>& aResult) {
-  const int width = aResult.xSize();
-  const int height = aResult.ySize();
-  if (width < 1) return;
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++) {
-    if (width == 1) {
-      aResult(0, y) = 0;
-    } else {
-      aResult(0, y) = aIn(0, y);
-      aResult(width - 1, y) = -aIn(width - 2, y);
-    }
-  }
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++)
-    for (int x = 1; x < width - 1; x++) aResult(x, y) = aIn(x, y) - aIn(x - 1, y);
-}
-
-template <class Input>
-void backwardY(const Input& aIn, CMatrix<float>& aResult) {
-  const int width = aResult.xSize();
-  const int height = aResult.ySize();
-  if (height < 1) return;
-#pragma omp parallel for schedule(static)
-  for (int x = 0; x < width; x++) {
-    if (height == 1) {
-      aResult(x, 0) = 0;
-    } else {
-      aResult(x, 0) = aIn(x, 0);
-      aResult(x, height - 1) = -aIn(x, height - 2);
-    }
-  }
-#pragma omp parallel for schedule(static)
-  for (int y = 1; y < height - 1; y++)
-    for (int x = 0; x < width; x++) aResult(x, y) = aIn(x, y) - aIn(x, y - 1);
-}
-
-auto matrixInput(const CMatrix<float>& aMatrix) {
-  return [&aMatrix](int ax, int ay) { return aMatrix(ax, ay); };
-}
-
-auto layerInput(const CTensor<float>& aTensor, int az) {
-  return [&aTensor, az](int ax, int ay) { return aTensor(ax, ay, az); };
-}
 
 }  // namespace
 
@@ -413,19 +330,6 @@ void CUtility::plotOverlayColor(CTensor<float>& aInOut, const CTensor<float>& aL
   overlay(aInOut, aLabelFunction, paletteColors(aLabelFunction.zSize()), ratio);
 }
 
-void CUtility::plotOverlay(CTensor<float>& aInOut, const CTensor<float>& aIn, float ratio) {
-  requireCovers(aIn.xSize(), aIn.ySize(), aInOut.xSize(), aInOut.ySize());
-  requireLayers(aIn, aInOut.zSize());
-  const float ratio1 = 1 - ratio;
-  const int width = aInOut.xSize();
-  const int height = aInOut.ySize();
-  const int layers = aInOut.zSize();
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++)
-    for (int z = 0; z < layers; z++)
-      for (int x = 0; x < width; x++) aInOut(x, y, z) = aInOut(x, y, z) * ratio1 + ratio * aIn(x, y, z);
-}
-
 void CUtility::labelFunction2confidenceMask(const CTensor<float>& aLabelFunction, CMatrix<float>& aConfidenceMask) {
   const int width = aLabelFunction.xSize();
   const int height = aLabelFunction.ySize();
@@ -472,65 +376,6 @@ void CUtility::putRectangle(CTensor<float>& aTensor, int ix, int iy, int mr, int
   for (int x = xl; x <= xr; x++)
     for (int y = yu; y <= yd; y++)
       for (int c = 0; c < 3; c++) aTensor(x, y, c) = color[c];
-}
-
-void CUtility::getGrad_forwardx(const CMatrix<float>& aMatrix, CMatrix<float>& aResultX) {
-  requireSameExtents(aResultX, aMatrix.xSize(), aMatrix.ySize());
-  forwardX(matrixInput(aMatrix), aResultX);
-}
-
-void CUtility::getGrad_forwardy(const CMatrix<float>& aMatrix, CMatrix<float>& aResultY) {
-  requireSameExtents(aResultY, aMatrix.xSize(), aMatrix.ySize());
-  forwardY(matrixInput(aMatrix), aResultY);
-}
-
-void CUtility::getDiv_backwardx(const CMatrix<float>& aMatrix, CMatrix<float>& aResultX) {
-  requireSameExtents(aResultX, aMatrix.xSize(), aMatrix.ySize());
-  backwardX(matrixInput(aMatrix), aResultX);
-}
-
-void CUtility::getDiv_backwardy(const CMatrix<float>& aMatrix, CMatrix<float>& aResultY) {
-  requireSameExtents(aResultY, aMatrix.xSize(), aMatrix.ySize());
-  backwardY(matrixInput(aMatrix), aResultY);
-}
-
-void CUtility::getGrad_forwardx(const CTensor<float>& aTensor, CMatrix<float>& aResultX, int z) {
-  requireSameExtents(aResultX, aTensor.xSize(), aTensor.ySize());
-  forwardX(layerInput(aTensor, z), aResultX);
-}
-
-void CUtility::getGrad_forwardy(const CTensor<float>& aTensor, CMatrix<float>& aResultY, int z) {
-  requireSameExtents(aResultY, aTensor.xSize(), aTensor.ySize());
-  forwardY(layerInput(aTensor, z), aResultY);
-}
-
-void CUtility::getDiv_backwardx(const CTensor<float>& aTensor, CMatrix<float>& aResultX, int z) {
-  requireSameExtents(aResultX, aTensor.xSize(), aTensor.ySize());
-  backwardX(layerInput(aTensor, z), aResultX);
-}
-
-void CUtility::getDiv_backwardy(const CTensor<float>& aTensor, CMatrix<float>& aResultY, int z) {
-  requireSameExtents(aResultY, aTensor.xSize(), aTensor.ySize());
-  backwardY(layerInput(aTensor, z), aResultY);
-}
-
-// The layers' forward differences are added up in layer order, which is the
-// gradient of the layer sum; a tensor without layers has a zero gradient.
-void CUtility::getGradient(const CTensor<float>& aTensor, CMatrix<float>& aResultX, CMatrix<float>& aResultY) {
-  requireSameExtents(aResultX, aTensor.xSize(), aTensor.ySize());
-  requireSameExtents(aResultY, aTensor.xSize(), aTensor.ySize());
-  aResultX.fill(0);
-  aResultY.fill(0);
-  CMatrix<float> layerX(aTensor.xSize(), aTensor.ySize());
-  CMatrix<float> layerY(aTensor.xSize(), aTensor.ySize());
-  for (int z = 0; z < aTensor.zSize(); z++) {
-    forwardX(layerInput(aTensor, z), layerX);
-    forwardY(layerInput(aTensor, z), layerY);
-    for (int i = 0; i < aResultX.size(); i++) {
-      aResultX.data()[i] += layerX.data()[i];
-      aResultY.data()[i] += layerY.data()[i];
-    }
-  }
 }
 
 void CUtility::getEnding(const std::string* in, std::string* end) {

@@ -67,8 +67,6 @@ public:
                                const std::vector<CVector<int>>& mapLabelToColor, float ratio);
   // The same with the palette colours.
   static void plotOverlayColor(CTensor<float>& aInOut, const CTensor<float>& aLabelFunction, float ratio);
-  // Blends aIn over every layer of aInOut.
-  static void plotOverlay(CTensor<float>& aInOut, const CTensor<float>& aIn, float ratio);
   // 1 where some label has degree exactly 1, else 0; no labels leave it unwritten.
   static void labelFunction2confidenceMask(const CTensor<float>& aLabelFunction, CMatrix<float>& aConfidenceMask);
   // Stores the label colours (unblended) where the mask is exactly 1.
@@ -78,6 +76,19 @@ public:
   // Fills the square of half side r around (ix, iy), clipped to the image.
   static void putRectangle(CTensor<float>& aTensor, int ix, int iy, int mr, int mg, int mb, int r);
 
+  // Ending of *in from its last '.' anywhere in the path; empty without a dot.
+  static void getEnding(const std::string* in, std::string* end);
+  // Splits *in into folder (with '/', "./" if none), base name and ending;
+  // fileName may alias in. Throws std::out_of_range("basic_string::erase")
+  // when the file part has no dot.
+  static void decomposeFileName(const std::string* in, std::string* path, std::string* fileName,
+                                std::string* end);
+
+  // aImg(x, y, z) = aImg_o(x * k, y * k, z) over the extents of aImg.
+  static void downsample_fac(CTensor<float>& aImg, const CTensor<float>& aImg_o, int k);
+
+  // Toolbox the labelling run does not call (lib/toolbox/Differences.cpp,
+  // Overlay.cpp).
   // Forward differences (zero in the last column/row) and the backward
   // divergence, their negative adjoint; results are sized by the caller.
   static void getGrad_forwardx(const CMatrix<float>& aMatrix, CMatrix<float>& aResultX);
@@ -90,15 +101,6 @@ public:
   static void getDiv_backwardy(const CTensor<float>& aTensor, CMatrix<float>& aResultY, int z);
   // Forward differences summed over the layers, in layer order.
   static void getGradient(const CTensor<float>& aTensor, CMatrix<float>& aResultX, CMatrix<float>& aResultY);
-
-  // Ending of *in from its last '.' anywhere in the path; empty without a dot.
-  static void getEnding(const std::string* in, std::string* end);
-  // Splits *in into folder (with '/', "./" if none), base name and ending;
-  // fileName may alias in. Throws std::out_of_range("basic_string::erase")
-  // when the file part has no dot.
-  static void decomposeFileName(const std::string* in, std::string* path, std::string* fileName,
-                                std::string* end);
-
-  // aImg(x, y, z) = aImg_o(x * k, y * k, z) over the extents of aImg.
-  static void downsample_fac(CTensor<float>& aImg, const CTensor<float>& aImg_o, int k);
+  // Blends aIn over every layer of aInOut.
+  static void plotOverlay(CTensor<float>& aInOut, const CTensor<float>& aIn, float ratio);
 };

@@ -95,6 +95,26 @@ TEST(Superpixel, LeafWalksFollowTheChildLists) {
   EXPECT_EQ(one(0, 0), static_cast<float>((static_cast<double>(0.1f) - 1.0) / 3.0));
 }
 
+// Removing a neighbour removes its entry from every parallel list, so the
+// weights stay with their links.
+TEST(Superpixel, RemovingANeighbourKeepsTheListsParallel) {
+  CSuperpixel node, a, b, c;
+  node.addNeighbour(&a);
+  node.addNeighbour(&b);
+  node.addNeighbour(&c);
+  for (int j = 0; j < 3; j++) {
+    node.setDistance(10.0f + j, j);
+    node.setDiffusivityNeighbour(20.0f + j, j);
+    node.setConstDiffusivityNeighbour(30.0f + j, j);
+  }
+  node.removeNeighbour(1);
+  EXPECT_EQ(node.getNeighbours(), (std::vector<CSuperpixel*>{&a, &c}));
+  EXPECT_EQ(node.getDistance(), (std::vector<float>{10.0f, 12.0f}));
+  EXPECT_EQ(node.getConstDistance(), (std::vector<float>{1.0f, 1.0f}));
+  EXPECT_EQ(node.getDiffusivityNeighbour(1), 22.0f);
+  EXPECT_EQ(node.getConstDiffusivityNeighbour(1), 32.0f);
+}
+
 TEST(Superpixel, DiffusionFlowSumsEveryEdge) {
   CSuperpixel node, a, b, child, parent;
   a.setValues(vec({0.0f, 0.5f}));

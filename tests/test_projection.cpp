@@ -108,3 +108,43 @@ TEST(L2Ball, JointVectorsAreScaledIntoTheBall) {
   EXPECT_EQ(valuesOf(p1), (std::vector<float>{0.6f, 0.0f}));
   EXPECT_EQ(valuesOf(p2), (std::vector<float>{0.0f, 0.8f}));
 }
+
+TEST(L2Ball, WeightedNormsScaleBothFieldsAlike) {
+  CTensor<float> p1 = pixel({3.0f, 0.0f});
+  CTensor<float> p2 = pixel({0.0f, 0.5f});
+  // sqrt(9 * 4 + 0.25 * 0) = 6: both fields shrink by the same factor.
+  CProjection::L2sphere_w_coupled(p1, p2, CMatrix<float>(1, 1, 4.0f), CMatrix<float>(1, 1, 0.0f));
+  EXPECT_FLOAT_EQ(p1(0, 0, 0), 0.5f);
+  EXPECT_FLOAT_EQ(p2(0, 0, 1), 0.5f / 6.0f);
+}
+
+TEST(L2Ball, DykstraBringsEveryPairIntoItsBallAndKeepsTheSums) {
+  CTensor<float> p1 = randomTensor(3, 2, 4, -4.0f, 4.0f, 11);
+  CTensor<float> p2 = randomTensor(3, 2, 4, -4.0f, 4.0f, 12);
+  const CMatrix<float> dx(3, 2, 1.0f);
+  const CMatrix<float> dy(3, 2, 2.0f);
+  std::vector<float> sums1(6, 0.0f);
+  for (int k = 0; k < 4; k++)
+    for (int i = 0; i < 6; i++) sums1[i] += p1.data()[k * 6 + i];
+  CProjection::L2sphereIntersect_w_dykstra(p1, p2, dx, dy, 2000, 0);
+  for (int y = 0; y < 2; y++)
+    for (int x = 0; x < 3; x++) {
+      float sum = 0.0f;
+      for (int a = 0; a < 4; a++) {
+        sum += p1(x, y, a);
+        for (int b = a + 1; b < 4; b++) {
+          const float d1 = 0.5f * (p1(x, y, a) - p1(x, y, b));
+          const float d2 = 0.5f * (p2(x, y, a) - p2(x, y, b));
+          EXPECT_LE(std::sqrt(d1 * d1 + 2.0f * d2 * d2), 1.01f) << x << "," << y << " pair " << a << b;
+        }
+      }
+      EXPECT_NEAR(sum, sums1[y * 3 + x], 1e-3f);
+    }
+  // Pairs already inside their balls are left exactly as they are.
+  CTensor<float> inside1 = pixel({0.1f, 0.3f, -0.2f});
+  CTensor<float> inside2 = pixel({0.0f, 0.2f, 0.1f});
+  const CMatrix<float> one(1, 1, 1.0f);
+  CProjection::L2sphereIntersect_w_dykstra(inside1, inside2, one, one, 5, 0);
+  EXPECT_EQ(valuesOf(inside1), (std::vector<float>{0.1f, 0.3f, -0.2f}));
+  EXPECT_EQ(valuesOf(inside2), (std::vector<float>{0.0f, 0.2f, 0.1f}));
+}

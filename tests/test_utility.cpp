@@ -127,6 +127,17 @@ TEST(DifferenceOperators, ForwardDifferenceAndItsNegativeAdjoint) {
   }
 }
 
+TEST(Overlay, BlendsEveryLayerAndRejectsASmallerImage) {
+  CTensor<float> canvas(2, 1, 2, 100.0f);
+  CTensor<float> over(2, 1, 2);
+  for (int i = 0; i < over.size(); i++) over.data()[i] = 40.0f * i;
+  CUtility::plotOverlay(canvas, over, 0.25f);
+  EXPECT_EQ(std::vector<float>(canvas.data(), canvas.data() + 4), (std::vector<float>{75, 85, 95, 105}));
+  testing::internal::CaptureStderr();
+  EXPECT_THROW(CUtility::plotOverlay(canvas, CTensor<float>(1, 1, 2), 0.5f), ETensorIncompatibleSize);
+  testing::internal::GetCapturedStderr();
+}
+
 TEST(FileNames, EndingAndDecomposition) {
   std::string end;
   const std::string name = "run.2/labels";
