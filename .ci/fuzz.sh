@@ -3,22 +3,29 @@
 # seed corpus and fuzzes each reader for a bounded time. Exits non-zero on any
 # crash, sanitizer report, hang or failed build.
 #   TARNWICK_FUZZ_DIR      build and work folder (default /tmp/tarnwick-fuzz-<uid>)
-#   TARNWICK_FUZZ_SECONDS  fuzzing time per harness (default 30)
+#   TARNWICK_FUZZ_SECONDS  fuzzing time per harness (default 20)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=${TARNWICK_FUZZ_DIR:-/tmp/tarnwick-fuzz-$(id -u)}
-seconds=${TARNWICK_FUZZ_SECONDS:-30}
+seconds=${TARNWICK_FUZZ_SECONDS:-20}
 cxx=$(command -v clang++ || command -v clang++-14 || true)
 if [ -z "$cxx" ]; then
   echo "fuzz: clang++ not found" >&2
   exit 1
 fi
 
-harnesses=(pixmap tracks)
+harnesses=(pixmap tracks png jpeg)
 declare -A sources=(
   [pixmap]="lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CTemporaryFile.cpp"
   [tracks]="lib/CUtility.cpp lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CTemporaryFile.cpp"
+  [png]="lib/CPng.cpp"
+  [jpeg]="lib/CJpeg.cpp"
+)
+# The system libraries behind the decoders (not instrumented themselves).
+declare -A libraries=(
+  [png]="-lpng"
+  [jpeg]="-ljpeg"
 )
 
 common=(-std=c++17 -O1 -g -ffp-contract=off -fno-omit-frame-pointer
@@ -42,7 +49,8 @@ for name in "${harnesses[@]}"; do
     "$cxx" "${common[@]}" "${libraryFlags[@]}" -c "$source" -o "$object"
     objects+=("$object")
   done
-  "$cxx" "${common[@]}" -Werror "fuzz/fuzz_$name.cpp" "${objects[@]}" -o "$build/fuzz_$name"
+  # shellcheck disable=SC2086  # the library list splits into words on purpose
+  "$cxx" "${common[@]}" -Werror "fuzz/fuzz_$name.cpp" "${objects[@]}" ${libraries[$name]:-} -o "$build/fuzz_$name"
 done
 
 # The sanitizer's report and the saved input, without the shadow-memory dump.

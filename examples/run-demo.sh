@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 missing=()
-for package in cmake make g++ libgtest-dev; do
+for package in cmake make g++ libgtest-dev libpng-dev libjpeg62-turbo-dev; do
   dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
 done
 if [ ${#missing[@]} -gt 0 ]; then
