@@ -19,25 +19,34 @@ void requireCovers(const CTensor<float>& aFirst, const CMatrix<float>& aWeights)
     throw ETensorIncompatibleSize(aWeights.xSize(), aWeights.ySize(), aFirst.xSize(), aFirst.ySize());
 }
 
+// Calls aStep(x, y) for every pixel of aField, the rows shared out among the threads.
+template <class TStep>
+void forEachPixel(const CTensor<float>& aField, TStep aStep) {
+  const int width = aField.xSize();
+  const int height = aField.ySize();
+#pragma omp parallel for schedule(static)
+  for (int y = 0; y < height; y++)
+    for (int x = 0; x < width; x++) aStep(x, y);
+}
+
+// Divides the pixel's vectors in both fields by aNorm when it exceeds 1.
+void shrinkIntoUnitBall(CTensor<float>& p1, CTensor<float>& p2, int x, int y, float aNorm) {
+  const float s = 1 / (aNorm < 1 ? 1 : aNorm);
+  for (int k = 0; k < p1.zSize(); k++) {
+    p1(x, y, k) *= s;
+    p2(x, y, k) *= s;
+  }
+}
+
 }  // namespace
 
 void CProjection::L2sphere_coupled(CTensor<float>& p1, CTensor<float>& p2) {
   requireCovers(p1, p2);
-  const int width = p1.xSize();
-  const int height = p1.ySize();
-  const int labels = p1.zSize();
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++)
-    for (int x = 0; x < width; x++) {
-      float q = 0;
-      for (int k = 0; k < labels; k++) q += p1(x, y, k) * p1(x, y, k) + p2(x, y, k) * p2(x, y, k);
-      const float n = std::sqrt(q);
-      const float s = 1 / (n < 1 ? 1 : n);
-      for (int k = 0; k < labels; k++) {
-        p1(x, y, k) *= s;
-        p2(x, y, k) *= s;
-      }
-    }
+  forEachPixel(p1, [&](int x, int y) {
+    float q = 0;
+    for (int k = 0; k < p1.zSize(); k++) q += p1(x, y, k) * p1(x, y, k) + p2(x, y, k) * p2(x, y, k);
+    shrinkIntoUnitBall(p1, p2, x, y, std::sqrt(q));
+  });
 }
 
 void CProjection::L2sphere_w_coupled(CTensor<float>& p1, CTensor<float>& p2, const CMatrix<float>& Dx,
@@ -45,25 +54,15 @@ void CProjection::L2sphere_w_coupled(CTensor<float>& p1, CTensor<float>& p2, con
   requireCovers(p1, p2);
   requireCovers(p1, Dx);
   requireCovers(p1, Dy);
-  const int width = p1.xSize();
-  const int height = p1.ySize();
-  const int labels = p1.zSize();
-#pragma omp parallel for schedule(static)
-  for (int y = 0; y < height; y++)
-    for (int x = 0; x < width; x++) {
-      float q1 = 0;
-      float q2 = 0;
-      for (int k = 0; k < labels; k++) {
-        q1 += p1(x, y, k) * p1(x, y, k);
-        q2 += p2(x, y, k) * p2(x, y, k);
-      }
-      const float n = std::sqrt(q1 * Dx(x, y) + q2 * Dy(x, y));
-      const float s = 1 / (1 > n ? 1 : n);
-      for (int k = 0; k < labels; k++) {
-        p1(x, y, k) *= s;
-        p2(x, y, k) *= s;
-      }
+  forEachPixel(p1, [&](int x, int y) {
+    float q1 = 0;
+    float q2 = 0;
+    for (int k = 0; k < p1.zSize(); k++) {
+      q1 += p1(x, y, k) * p1(x, y, k);
+      q2 += p2(x, y, k) * p2(x, y, k);
     }
+    shrinkIntoUnitBall(p1, p2, x, y, std::sqrt(q1 * Dx(x, y) + q2 * Dy(x, y)));
+  });
 }
 
 // Corrections are stored per pixel, pairs (a, b) with a < b in lexicographic
