@@ -8,6 +8,7 @@
 
 #include "ArrayConversion.h"
 #include "CErrors.h"
+#include "CImageFile.h"
 #include "CUtility.h"
 #include "ColourImage.h"
 #include "Labelling.h"
@@ -135,23 +136,22 @@ py::array_t<std::uint8_t> labelColours(const py::handle& aLabels) {
   throw py::error_already_set();
 }
 
-py::array_t<std::uint8_t> readImage(const std::string& aPath) {
+py::array_t<std::uint8_t> readImage(const std::string& aPath, bool aExact) {
   CTensor<float> image;
   try {
-    image.readFromPPM(aPath.c_str());
-  } catch (const EFileError&) {
-    fileFailure("read", aPath);
-  } catch (const EInvalidFileFormat&) {
+    image = NImageFile::read(aPath, aExact ? NImageFile::EContent::ExactColours : NImageFile::EContent::Photo);
+  } catch (const ETarnwickError&) {
     fileFailure("read", aPath);
   }
   return NPython::byteImage(NColourImage::toColour(image));
 }
 
 void writeImage(const std::string& aPath, const py::handle& aImage) {
-  CTensor<float> image = NPython::colourImage(aImage, "image");
+  const CTensor<float> image = NPython::colourImage(aImage, "image");
+  const bool png = aPath.size() >= 4 && aPath.compare(aPath.size() - 4, 4, ".png") == 0;
   try {
-    image.writeToPPM(aPath.c_str());
-  } catch (const EFileError&) {
+    NImageFile::write(aPath, image, png ? NImageFile::EFormat::Png : NImageFile::EFormat::Pixmap);
+  } catch (const ETarnwickError&) {
     fileFailure("write", aPath);
   }
 }
@@ -207,15 +207,19 @@ colours  Lx3 uint8 array with the colour of every label, e.g. label_colours()
 colourize(soft, label_colours(scribbles)) equals the file NAME_dense_soft and
 colourize(hard, label_colours(scribbles)) the file NAME_dense.)doc";
 
-const char* const kReadImageDoc = R"doc(read_image(path) -> HxWx3 uint8 array
+const char* const kReadImageDoc = R"doc(read_image(path, exact=False) -> HxWx3 uint8 array
 
-An image file as the command line reads it (a binary pixmap; grey is repeated
-into three channels). Raises OSError when the file cannot be read.)doc";
+An image file as the command line reads it: a binary pixmap, PNG or JPEG,
+told apart by the file's content; grey is repeated into three channels, alpha
+dropped, 16-bit samples scaled to 0..255 and truncated to bytes. exact=True
+refuses JPEG files, as the tools do for label and segmentation images (lossy
+compression invents colours). Raises OSError when the file cannot be read.)doc";
 
 const char* const kWriteImageDoc = R"doc(write_image(path, image)
 
-Writes an HxWx3 (or HxW grey) uint8 array as a binary pixmap, atomically, as
-the command line writes its results. Raises OSError when that fails.)doc";
+Writes an HxWx3 (or HxW grey) uint8 array atomically, as PNG when the path
+ends in ".png" and as a binary pixmap otherwise. Raises OSError when that
+fails.)doc";
 
 const char* const kLabelColoursDoc = R"doc(label_colours(labels) -> Lx3 uint8 array
 
@@ -231,6 +235,6 @@ PYBIND11_MODULE(tarnwick, aModule) {
   aModule.def("segment", &segment, kSegmentDoc, py::arg("image"), py::arg("k"), py::arg("regions") = py::none());
   aModule.def("colourize", &colourize, kColourizeDoc, py::arg("degrees"), py::arg("colours") = py::none());
   aModule.def("label_colours", &labelColours, kLabelColoursDoc, py::arg("labels"));
-  aModule.def("read_image", &readImage, kReadImageDoc, py::arg("path"));
+  aModule.def("read_image", &readImage, kReadImageDoc, py::arg("path"), py::arg("exact") = false);
   aModule.def("write_image", &writeImage, kWriteImageDoc, py::arg("path"), py::arg("image"));
 }

@@ -170,6 +170,10 @@ def test_images_read_and_written_as_the_command_line_does(demo, tmp_path):
     assert same_bits(tarnwick.read_image(os.path.join(EXAMPLES, "demo.ppm")), image)
     tarnwick.write_image(str(tmp_path / "grey.ppm"), image[:, :, 0])
     assert same_bits(tarnwick.read_image(str(tmp_path / "grey.ppm")), np.dstack([image[:, :, 0]] * 3))
+    tarnwick.write_image(str(tmp_path / "image.png"), image)
+    with open(tmp_path / "image.png", "rb") as f:
+        assert f.read(8) == b"\x89PNG\r\n\x1a\n"
+    assert same_bits(tarnwick.read_image(str(tmp_path / "image.png"), exact=True), image)
     with pytest.raises(OSError, match="cannot read"):
         tarnwick.read_image(str(tmp_path / "missing.ppm"))
     with pytest.raises(OSError, match="cannot write"):
