@@ -17,8 +17,8 @@ fi
 
 harnesses=(pixmap tracks png jpeg)
 declare -A sources=(
-  [pixmap]="lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CTemporaryFile.cpp"
-  [tracks]="lib/CUtility.cpp lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CTemporaryFile.cpp"
+  [pixmap]="lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CAtomicFile.cpp lib/CTemporaryFile.cpp"
+  [tracks]="lib/CUtility.cpp lib/CPixmap.cpp lib/CPixmapHeader.cpp lib/CAtomicFile.cpp lib/CTemporaryFile.cpp"
   [png]="lib/CPng.cpp"
   [jpeg]="lib/CJpeg.cpp"
 )

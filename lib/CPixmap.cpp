@@ -1,18 +1,14 @@
 #include "CPixmap.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 
+#include "CAtomicFile.h"
 #include "CPixmapHeader.h"
-#include "CTemporaryFile.h"
 
 namespace NPixmap {
 
@@ -112,33 +108,11 @@ CImage decode(const std::vector<unsigned char>& aBytes, const std::string& aName
   return image;
 }
 
-namespace {
-
-mode_t creationMode() {
-  const mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
-}
-
-}  // namespace
-
 void write(const std::string& aFilename, int aWidth, int aHeight, const std::vector<unsigned char>& aRgb) {
-  NTemporaryFile::CTemporaryFile temp(aFilename);
-  const int fd = temp.create();
-  if (fd < 0) throw EFileError(aFilename, std::string("cannot be created: ") + std::strerror(errno));
-  FILE* file = fdopen(fd, "wb");
-  if (file == nullptr) {
-    close(fd);
-    throw EFileError(aFilename, "cannot be created");
-  }
-  bool ok = fchmod(fd, creationMode()) == 0;
-  ok = ok && std::fprintf(file, "P6 \n%d %d \n255\n", aWidth, aHeight) > 0;
-  ok = ok && std::fwrite(aRgb.data(), 1, aRgb.size(), file) == aRgb.size();
-  ok = (std::fclose(file) == 0) && ok;
-  if (!ok || !temp.commit()) {
-    const int error = errno;
-    throw EFileError(aFilename, std::string("cannot be written: ") + std::strerror(error));
-  }
+  const std::string header = "P6 \n" + std::to_string(aWidth) + " " + std::to_string(aHeight) + " \n255\n";
+  std::vector<unsigned char> bytes(header.begin(), header.end());
+  bytes.insert(bytes.end(), aRgb.begin(), aRgb.end());
+  NAtomicFile::write(aFilename, bytes);
 }
 
 }  // namespace NPixmap
