@@ -42,6 +42,8 @@ std::string megabytes(size_t aBytes) { return std::to_string((aBytes + (1 << 20)
 
 }  // namespace
 
+// Finer levels have at least the regions of coarser ones, so the estimate
+// from this level's links is a lower bound for the levels left.
 std::string costWarning(const CLevelCost& aCost, const std::vector<std::string>& aNames) {
   long long coarse = 0;
   size_t worst = 1;
@@ -56,9 +58,9 @@ std::string costWarning(const CLevelCost& aCost, const std::vector<std::string>&
   std::ostringstream text;
   text.precision(2);
   text << "Warning: " << segmentationOf(layer, aNames) << ": "
-       << cause(aCost.nodes[worst], aCost.nodes[worst - 1], layer, aCost.links[worst], remedy) << "; expect about "
-       << updates << " link updates (roughly " << std::lround(updates / kUpdatesPerSecond)
-       << " s of processor time) and " << megabytes(aCost.bytes) << " for the hierarchy. " << remedy;
+       << cause(aCost.nodes[worst], aCost.nodes[worst - 1], layer, aCost.links[worst], remedy)
+       << "; expect at least " << updates << " link updates (roughly " << std::lround(updates / kUpdatesPerSecond)
+       << " s of processor time or more) and " << megabytes(aCost.bytes) << " for this level's hierarchy. " << remedy;
   return text.str();
 }
 
