@@ -2,6 +2,7 @@
 import os
 import shutil
 import subprocess
+import sys
 import threading
 
 import numpy as np
@@ -178,6 +179,36 @@ def test_images_read_and_written_as_the_command_line_does(demo, tmp_path):
         tarnwick.read_image(str(tmp_path / "missing.ppm"))
     with pytest.raises(OSError, match="cannot write"):
         tarnwick.write_image(str(tmp_path / "no" / "such.ppm"), image)
+
+
+@pytest.mark.parametrize("call", [
+    lambda image, scribbles: tarnwick.label(image, scribbles),
+    lambda image, scribbles: tarnwick.segment(np.tile(image, (3, 3, 1)), 2),
+])
+def test_other_threads_run_while_one_computes(demo, call):
+    # With a switch interval this long the interpreter never takes the lock
+    # from a running thread: the main thread gets it during the call only if
+    # the call lets go of it. The call must outlast waking the main thread up.
+    image, scribbles = demo[0], demo[1]
+    started = threading.Event()
+    finished = []
+
+    def work():
+        started.set()
+        call(image, scribbles)
+        finished.append(True)
+
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1000)
+    try:
+        worker = threading.Thread(target=work)
+        worker.start()
+        started.wait()
+        ran_during_the_call = not finished
+        worker.join()
+    finally:
+        sys.setswitchinterval(interval)
+    assert ran_during_the_call
 
 
 def test_colourize_paints_hard_labels_with_the_palette():
