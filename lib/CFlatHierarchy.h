@@ -10,12 +10,11 @@
 //   so the chunks are shared out among the threads;
 // - edge weights, weight sums and the over-relaxation factor per node are
 //   formed once per outer iteration with the same float operations;
-// - where the processor has 256-bit vectors, the pixel pass, the projection
-//   and the pixel weights put two pixels or nodes in one register, lane for
-//   lane the same operations as with 128 bits.
+// - the vector kernels (flat/FlatKernels.h) are written once over a lane
+//   type and compiled for 128-, 256- and 512-bit registers; the widest the
+//   processor has is used, several pixels or nodes side by side, and every
+//   lane goes through the operations of the 128-bit path.
 #pragma once
-
-#include <xmmintrin.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +23,10 @@
 
 #include "CMatrix.h"
 #include "CTensor.h"
+
+namespace NFlat {
+struct CKernels;
+}
 
 class CFlatHierarchy {
 public:
@@ -64,10 +67,11 @@ public:
   void solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight, float aAlpha,
              float aOmega, int maxiter);
 
-  // Whether the solver may use 256-bit vectors where the processor has them
-  // (it does by default); both ways give the same bits.
-  static void allowWideVectors(bool aAllowed);
-  static bool wideVectors();
+  // The widest registers the solver may use: 128, 256 or 512 bits (512 by
+  // default); all widths give the same bits.
+  static void limitVectorBits(int aBits);
+  // The width the solver uses: the widest the processor has within the limit.
+  static int vectorBits();
 
 private:
   struct CLayer {
@@ -102,7 +106,6 @@ private:
   size_t slot(const CLayer& aLayer, int aNode, int aLabel) const {
     return mLabelOffset[aLabel] + aLayer.base + static_cast<size_t>(aNode) * 4;
   }
-  void gather(const CLayer& aLayer, int aNode, float* aOut) const;
 
   void buildPixelLayer(const CTensor<float>& aImage);
   void buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg);
@@ -110,21 +113,14 @@ private:
   void checkLinkMemory(int aLayer, const std::vector<std::vector<int>>& aAdjacent) const;
   void pixelNeighbours(int aPixel, std::vector<int>& aOut) const;
 
-  void computeVariableWeights(int aThread, int aThreads, std::vector<float>& aA, std::vector<float>& aB);
+  // The solve's phases, each one thread's share (flat/CFlat*.cpp).
+  void computeVariableWeights(int aThread, int aThreads);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
-  void computePixelVariableWeights4(int x, int y);
-  void computePixelVariableWeights8(int x, int y);
-  __m128 diffusivity4(const float* const aA[4], const float* const aB[4]) const;
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
-  void normalizeNode(const CLayer& aLayer, int aNode, float* aScratch);
-  void normalizeQuad(const CLayer& aLayer, int aNode, std::vector<float>& aScratch);
-  template <int kChunks>
-  void normalizeQuadFixed(const CLayer& aLayer, int aNode);
-  template <int kChunks>
-  void normalizeOctFixed(const CLayer& aLayer, int aNode);
-  void normalizeShare(int aThread, int aThreads, std::vector<float>& aScratch);
+  void normalizeNode(const CLayer& aLayer, int aNode);
+  void normalizeShare(int aThread, int aThreads);
   bool anyZeroWeightSum(int aLayer) const;
 
   int mXSize = 0;
@@ -134,6 +130,7 @@ private:
   int mChunks = 0;
   std::vector<int> mLaneIndex;  // chunk * 4 + lane of every label
   int mTeam = 1;                // threads of the solve
+  const NFlat::CKernels* mKernels = nullptr;  // of the solve's register width
   // [layer][thread]: a node of the thread's share has a weight sum of 0.
   std::vector<char> mZeroWeightSum;
   float mDistRelaxation = 0.0f;

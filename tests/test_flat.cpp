@@ -19,6 +19,10 @@
 
 namespace {
 
+// The solver's register widths, widest first; each is limited to what the
+// processor has.
+constexpr int kVectorBits[] = {512, 256, 128};
+
 struct CCase {
   int width = 0;
   int height = 0;
@@ -55,12 +59,14 @@ std::vector<int> regions(int aWidth, int aHeight, int aSeeds, std::mt19937& aRan
 }
 
 // aSeveralLabels: a labelled pixel may carry any subset of the labels, so that
-// the projection onto the simplex needs more than two rounds.
-CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveralLabels = false) {
+// the projection onto the simplex needs more than two rounds. aLarge: large
+// enough for the widest registers' interior paths (blocks of 16 pixels, bands
+// of 12 rows).
+CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveralLabels = false, bool aLarge = false) {
   std::mt19937 random(aSeed);
   CCase c;
-  c.width = std::uniform_int_distribution<int>(1, 23)(random);
-  c.height = std::uniform_int_distribution<int>(1, 19)(random);
+  c.width = std::uniform_int_distribution<int>(aLarge ? 20 : 1, aLarge ? 64 : 23)(random);
+  c.height = std::uniform_int_distribution<int>(aLarge ? 26 : 1, aLarge ? 48 : 19)(random);
   c.labels = std::uniform_int_distribution<int>(1, aSeveralLabels ? 11 : 7)(random);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   c.start = CTensor<float>(c.width, c.height, c.labels);
@@ -130,11 +136,13 @@ void expectSameDegrees(CHierarchy& aReference, const CFlatHierarchy& aFlat, int 
   }
 }
 
-void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads, bool aSeveralLabels = false) {
+void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads, bool aSeveralLabels = false,
+                  bool aLarge = false) {
   const std::string what = "seed " + std::to_string(aSeed) + ", " + std::to_string(aCoarserLayers) +
                            " layers, " + (aNested ? "nested" : "not nested") + ", " +
-                           std::to_string(aThreads) + " threads" + (aSeveralLabels ? ", several labels" : "");
-  CCase c = randomCase(aSeed, aCoarserLayers, aNested, aSeveralLabels);
+                           std::to_string(aThreads) + " threads" + (aSeveralLabels ? ", several labels" : "") +
+                           (aLarge ? ", large" : "") + ", " + std::to_string(CFlatHierarchy::vectorBits()) + " bits";
+  CCase c = randomCase(aSeed, aCoarserLayers, aNested, aSeveralLabels, aLarge);
   omp_set_num_threads(aThreads);
   CHierarchy reference(c.start, c.segs);
   CFlatHierarchy flat(c.start, c.segs);
@@ -160,15 +168,15 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads
 
 }  // namespace
 
-// With and without 256-bit vectors (where the processor has them).
+// Every register width the processor has.
 TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
   const int threadsBefore = omp_get_max_threads();
-  for (bool wide : {true, false}) {
-    CFlatHierarchy::allowWideVectors(wide);
+  for (int bits : kVectorBits) {
+    CFlatHierarchy::limitVectorBits(bits);
     for (unsigned seed = 1; seed <= 24; seed++)
       for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
   }
-  CFlatHierarchy::allowWideVectors(true);
+  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
   omp_set_num_threads(threadsBefore);
 }
 
@@ -176,12 +184,25 @@ TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
 // and up to three label chunks.
 TEST(FlatSolver, BitIdenticalWithSeveralLabelsPerPixel) {
   const int threadsBefore = omp_get_max_threads();
-  for (bool wide : {true, false}) {
-    CFlatHierarchy::allowWideVectors(wide);
+  for (int bits : kVectorBits) {
+    CFlatHierarchy::limitVectorBits(bits);
     for (unsigned seed = 1; seed <= 12; seed++)
       for (int threads : {1, 2}) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, true);
   }
-  CFlatHierarchy::allowWideVectors(true);
+  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
+  omp_set_num_threads(threadsBefore);
+}
+
+// Images on which every width runs its interior paths, not only the borders.
+TEST(FlatSolver, BitIdenticalOnImagesLargeEnoughForEveryWidth) {
+  const int threadsBefore = omp_get_max_threads();
+  for (int bits : kVectorBits) {
+    CFlatHierarchy::limitVectorBits(bits);
+    for (unsigned seed = 1; seed <= 4; seed++)
+      for (int threads : {1, 2})
+        compareSolve(200 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, seed % 3 == 0, true);
+  }
+  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
   omp_set_num_threads(threadsBefore);
 }
 
@@ -250,24 +271,31 @@ TEST(FlatSolver, WholeRunsGiveTheSameFilesAsTheReference) {
   const std::string image0 = dir.file("img.ppm");
   const int threadsBefore = omp_get_max_threads();
   std::vector<std::string> results;
-  const std::pair<NDriver::ESolverPath, int> runs[] = {
-      {NDriver::ESolverPath::Reference, 1}, {NDriver::ESolverPath::Fast, 1}, {NDriver::ESolverPath::Fast, 2}};
-  for (const auto& [path, threads] : runs) {
-    omp_set_num_threads(threads);
+  struct CRun {
+    NDriver::ESolverPath path;
+    int threads;
+    int bits;
+  };
+  const CRun runs[] = {{NDriver::ESolverPath::Reference, 1, 512}, {NDriver::ESolverPath::Fast, 1, 512},
+                       {NDriver::ESolverPath::Fast, 2, 512}, {NDriver::ESolverPath::Fast, 2, 256},
+                       {NDriver::ESolverPath::Fast, 2, 128}};
+  for (const CRun& run : runs) {
+    omp_set_num_threads(run.threads);
+    CFlatHierarchy::limitVectorBits(run.bits);
     const std::string prefix = dir.file(std::to_string(results.size()) + "-");
     std::vector<std::string> args = {"tarnwick", image0, "3", "labels.ppm", "0", "0.3", "2", prefix};
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     testing::internal::CaptureStdout();
-    ASSERT_EQ(NDriver::main(static_cast<int>(argv.size()), argv.data(), path), 0);
+    ASSERT_EQ(NDriver::main(static_cast<int>(argv.size()), argv.data(), run.path), 0);
     testing::internal::GetCapturedStdout();
     std::string all;
     for (const char* name : {"img_dense_soft.ppm", "img_dense.ppm", "img_denseOUT.ppm"})
       all += NTest::readFile(prefix + "TarnwickResults/" + name);
     results.push_back(all);
   }
+  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
   omp_set_num_threads(threadsBefore);
-  EXPECT_TRUE(results[0] == results[2]);
-  EXPECT_EQ(results[0].size(), results[1].size());
-  EXPECT_TRUE(results[0] == results[1]);
+  EXPECT_GT(results[0].size(), 0u);
+  for (size_t r = 1; r < results.size(); r++) EXPECT_TRUE(results[0] == results[r]) << "run " << r;
 }

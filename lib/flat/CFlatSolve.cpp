@@ -1,0 +1,91 @@
+// The flat solver's outer loop: data term, then per outer iteration the
+// weights and the inner iterations of sweeps and projection, shared out among
+// one team of threads that meets at a barrier between the phases.
+#include <omp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+
+#include "CFlatHierarchy.h"
+#include "flat/CYieldingBarrier.h"
+#include "flat/FlatKernels.h"
+
+namespace {
+
+constexpr int kInnerIterations = 10;
+
+std::atomic<int> gVectorLimit{512};
+
+const NFlat::CKernels& kernelsOf(int aBits) {
+  if (aBits >= 512) return NFlat::kernels512();
+  if (aBits >= 256) return NFlat::kernels256();
+  return NFlat::kernels128();
+}
+
+}  // namespace
+
+void CFlatHierarchy::limitVectorBits(int aBits) { gVectorLimit.store(aBits, std::memory_order_relaxed); }
+
+int CFlatHierarchy::vectorBits() {
+  static const int available = __builtin_cpu_supports("avx512f") ? 512 : __builtin_cpu_supports("avx") ? 256 : 128;
+  return std::min(available, gVectorLimit.load(std::memory_order_relaxed));
+}
+
+bool CFlatHierarchy::anyZeroWeightSum(int aLayer) const {
+  const auto first = mZeroWeightSum.begin() + static_cast<long>(aLayer) * mTeam;
+  return std::find(first, first + mTeam, 1) != first + mTeam;
+}
+
+void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight,
+                           float aAlpha, float aOmega, int maxiter) {
+  const int width = mXSize;
+  const int n = width * mYSize;
+  // Data term: constant for the whole solve.
+  mConf.resize(n);
+  mWeight.resize(n);
+  mRhs.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+#pragma omp parallel for schedule(static)
+  for (int i = 0; i < n; i++) {
+    const int x = i % width;
+    const int y = i / width;
+    const float c = aConf(x, y) == 1.0f ? 1.0f : 0.0f;
+    const float w = aWeight(x, y);
+    mConf[i] = c;
+    mWeight[i] = w;
+    for (int k = 0; k < mLabels; k++)
+      mRhs[static_cast<size_t>(k / mLanes) * n * 4 + static_cast<size_t>(i) * 4 + k % mLanes] =
+          w * aAlpha * c * aLabels(x, y, k);
+  }
+  if (maxiter <= 0) return;
+  const int layers = size();
+  const int wanted = std::max(1, std::min(omp_get_max_threads(), mChunks));
+  mKernels = &kernelsOf(vectorBits());
+  std::unique_ptr<NFlat::CYieldingBarrier> barrier;
+#pragma omp parallel num_threads(wanted)
+  {
+#pragma omp single
+    {
+      mTeam = omp_get_num_threads();
+      mZeroWeightSum.assign(static_cast<size_t>(layers) * mTeam, 0);
+      barrier = std::make_unique<NFlat::CYieldingBarrier>(mTeam);
+    }
+    const int thread = omp_get_thread_num();
+    const int threads = omp_get_num_threads();
+    for (int iter = 0; iter < maxiter; iter++) {
+      computeVariableWeights(thread, threads);
+      barrier->wait();
+      computeWeightSums(thread, threads, aAlpha, aOmega);
+      barrier->wait();
+      for (int inner = 0; inner < kInnerIterations; inner++) {
+        for (int c = thread; c < mChunks; c += threads) {
+          sweepPixels(c, aAlpha, aOmega);
+          for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
+        }
+        barrier->wait();
+        normalizeShare(thread, threads);
+        barrier->wait();
+      }
+    }
+  }
+}

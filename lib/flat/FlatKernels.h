@@ -1,0 +1,87 @@
+// The vector kernels of the flat solver: what each reads and writes, and one
+// table of them per register width. Each kernel is written once over a lane
+// type (simd/CLanes.h) and compiled per width; every width gives the same
+// bits, because every lane goes through the operations of the 128-bit path.
+#pragma once
+
+#include <cstddef>
+
+namespace NFlat {
+
+// One Gauss-Seidel pass over the pixels for the labels of one chunk.
+struct CPixelSweep {
+  ptrdiff_t width;
+  int height;
+  float* u;                  // degrees of the chunk, four lanes per pixel
+  const float* rhs;          // data term, four lanes per pixel
+  const float* weights;      // per pixel: right edge, lower edge, parent edge, omega / md
+  const int* parent;         // nullptr: no layer above
+  const float* parentValues;
+  const float* md;
+  float oneMinusAlpha;
+  float oneMinusOmega;
+  bool check;                // some pixel has a weight sum of 0 and keeps its degree
+};
+
+// The degrees of the pixels, for their edges' value-dependent weights.
+struct CPixelPlanes {
+  const float* first;        // pixel degrees of chunk 0, four lanes per pixel
+  size_t chunkStride;
+  int chunks;
+  int lanes;                 // labels per chunk
+  int labels;
+  int width;                 // at least 3
+  int height;                // at least 3
+  float* varX;               // per pixel: weight of the edge to the right
+  float* varY;               // and of the edge below
+};
+
+// Node pairs weighted by the diffusivity of their degree vectors: pair p
+// links node a[p * aStep] (degrees at aBase + 4 * node within a chunk) and
+// node b[p * bStep] (at bBase + 4 * node), or node p if b is nullptr.
+struct CNodePairs {
+  const float* values;       // chunk 0
+  size_t chunkStride;
+  int chunks;
+  int lanes;
+  int labels;
+  const int* a;
+  int aStep;
+  size_t aBase;
+  const int* b;
+  int bStep;
+  size_t bBase;
+  float* out;                // per pair
+
+  size_t offsetA(int p) const { return aBase + 4 * static_cast<size_t>(a[static_cast<ptrdiff_t>(p) * aStep]); }
+  size_t offsetB(int p) const {
+    return bBase + 4 * static_cast<size_t>(b ? b[static_cast<ptrdiff_t>(p) * bStep] : p);
+  }
+};
+
+// The degrees of one layer, projected onto the simplex node by node.
+struct CProjection {
+  float* first;              // degrees of the layer's node 0 in chunk 0
+  size_t chunkStride;
+  int chunks;
+  int lanes;
+  int labels;
+  const int* laneIndex;      // chunk * 4 + lane of every label
+};
+
+struct CKernels {
+  int bits;
+  // Rows [aFirstRow, aEndRow) of the pixel weights.
+  void (*pixelWeights)(const CPixelPlanes& aPlanes, int aFirstRow, int aEndRow);
+  // Pairs [aBegin, aEnd).
+  void (*nodePairWeights)(const CNodePairs& aPairs, int aBegin, int aEnd);
+  void (*sweepPixels)(const CPixelSweep& aSweep);
+  // Nodes 4 * aFirstQuad up to 4 * aEndQuad.
+  void (*project)(const CProjection& aProjection, int aFirstQuad, int aEndQuad);
+};
+
+const CKernels& kernels128();
+const CKernels& kernels256();  // processors with AVX only
+const CKernels& kernels512();  // processors with AVX-512F only
+
+}  // namespace NFlat
