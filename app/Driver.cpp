@@ -17,6 +17,7 @@
 
 #include "CErrors.h"
 #include "CImageFile.h"
+#include "CFlatHierarchy.h"
 #include "CTensor.h"
 #include "CUtility.h"
 #include "ColourImage.h"
@@ -127,6 +128,7 @@ bool parseArguments(int argc, char** argv, CSettings& aSettings, int& aStatus) {
     aStatus = 0;
     return false;
   }
+  if (aSettings.options.vectorBits > 0) CFlatHierarchy::limitVectorBits(aSettings.options.vectorBits);
   char** args = positional.data();
   const int N = static_cast<int>(positional.size()) - 1;
   if (N < 3) {

@@ -10,6 +10,7 @@ const std::vector<COptionHelp>& optionHelp() {
       {"--help", "print this text and end"},
       {"--converged", "solve the labelling to convergence (labelled pixels fixed); alpha is not used"},
       {"--format ppm|png", "file format of the results (default ppm)"},
+      {"--vector-bits=N", "use registers of at most N bits (128, 256 or 512; same results)"},
   };
   return help;
 }
@@ -47,6 +48,10 @@ std::vector<char*> splitOptions(int argc, char** argv, COptions& aOptions) {
       if (!hasValue) value = argv[++i];
       if (!NImageFile::parseWriteFormat(value, aOptions.format))
         throw std::invalid_argument("option --format: '" + value + "' is not ppm or png");
+    } else if (name == "--vector-bits" && (value == "128" || value == "256" || value == "512")) {
+      aOptions.vectorBits = std::stoi(value);
+    } else if (name == "--vector-bits") {
+      throw std::invalid_argument("option '" + std::string(argv[i]) + "': N is 128, 256 or 512");
     } else {
       throw std::invalid_argument("unknown option '" + std::string(argv[i]) + "' (see --help)");
     }

@@ -13,6 +13,7 @@ struct COptions {
   bool help = false;
   bool converged = false;  // solve the degrees to convergence instead of the exact run
   NImageFile::EFormat format = NImageFile::EFormat::Pixmap;  // of the result files
+  int vectorBits = 0;  // widest registers the solver may use; 0: its default
 };
 
 struct COptionHelp {

@@ -11,9 +11,9 @@
 // - edge weights, weight sums and the over-relaxation factor per node are
 //   formed once per outer iteration with the same float operations;
 // - the vector kernels (flat/FlatKernels.h) are written once over a lane
-//   type and compiled for 128-, 256- and 512-bit registers; the widest the
-//   processor has is used, several pixels or nodes side by side, and every
-//   lane goes through the operations of the 128-bit path.
+//   type and compiled for 128-, 256- and 512-bit registers, several pixels
+//   or nodes side by side; every lane goes through the operations of the
+//   128-bit path.
 #pragma once
 
 #include <cstddef>
@@ -67,8 +67,11 @@ public:
   void solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight, float aAlpha,
              float aOmega, int maxiter);
 
-  // The widest registers the solver may use: 128, 256 or 512 bits (512 by
-  // default); all widths give the same bits.
+  // The widest registers the solver may use: 128, 256 or 512 bits; all
+  // widths give the same bits. The default is the fastest on the development
+  // machine: there the 512-bit pixel sweep, which gathers four pixels of four
+  // rows per register, is slower than the 256-bit one.
+  static constexpr int kDefaultVectorBits = 256;
   static void limitVectorBits(int aBits);
   // The width the solver uses: the widest the processor has within the limit.
   static int vectorBits();

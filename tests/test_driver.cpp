@@ -116,9 +116,11 @@ TEST(DriverArguments, OptionsAreTakenAnywhereAndUnknownOnesRejected) {
   ASSERT_GT(lines.size(), 13u);
   for (size_t i = 0; i < 13; i++) EXPECT_EQ(lines[i], kUsage[i]) << "line " << i + 1;
   EXPECT_NE(result.out.find("--help"), std::string::npos);
-  result = runTool({"img.ppm", "2", "--no-such-option"}, dir.path());
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("--no-such-option"), std::string::npos) << result.err;
+  for (const char* bad : {"--no-such-option", "--vector-bits=64", "--vector-bits", "--vector-bits=256x"}) {
+    result = runTool({"img.ppm", "2", bad}, dir.path());
+    EXPECT_EQ(result.status, 2) << bad;
+    EXPECT_NE(result.err.find(bad), std::string::npos) << result.err;
+  }
   EXPECT_TRUE(NTest::listDir(dir.path()).empty());
 }
 

@@ -176,7 +176,7 @@ TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
     for (unsigned seed = 1; seed <= 24; seed++)
       for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
   }
-  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
   omp_set_num_threads(threadsBefore);
 }
 
@@ -189,7 +189,7 @@ TEST(FlatSolver, BitIdenticalWithSeveralLabelsPerPixel) {
     for (unsigned seed = 1; seed <= 12; seed++)
       for (int threads : {1, 2}) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, true);
   }
-  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
   omp_set_num_threads(threadsBefore);
 }
 
@@ -202,7 +202,7 @@ TEST(FlatSolver, BitIdenticalOnImagesLargeEnoughForEveryWidth) {
       for (int threads : {1, 2})
         compareSolve(200 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, seed % 3 == 0, true);
   }
-  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
   omp_set_num_threads(threadsBefore);
 }
 
@@ -294,7 +294,7 @@ TEST(FlatSolver, WholeRunsGiveTheSameFilesAsTheReference) {
       all += NTest::readFile(prefix + "TarnwickResults/" + name);
     results.push_back(all);
   }
-  CFlatHierarchy::limitVectorBits(kVectorBits[0]);
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
   omp_set_num_threads(threadsBefore);
   EXPECT_GT(results[0].size(), 0u);
   for (size_t r = 1; r < results.size(); r++) EXPECT_TRUE(results[0] == results[r]) << "run " << r;

@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kInnerIterations = 10;
 
-std::atomic<int> gVectorLimit{512};
+std::atomic<int> gVectorLimit{CFlatHierarchy::kDefaultVectorBits};
 
 const NFlat::CKernels& kernelsOf(int aBits) {
   if (aBits >= 512) return NFlat::kernels512();

@@ -173,9 +173,11 @@ TARNWICK_KERNEL_INLINE L nodePairBlock(const CNodePairs& s, int p) {
   for (int c = 0; c < s.chunks; c++) {
     const size_t chunk = c * s.chunkStride;
     L d[4];
+#pragma GCC unroll 4
     for (int q = 0; q < 4; q++) {
       const float* a[L::kGroups];
       const float* b[L::kGroups];
+#pragma GCC unroll 4
       for (int g = 0; g < L::kGroups; g++) {
         a[g] = s.values + chunk + s.offsetA(p + 4 * g + q);
         b[g] = s.values + chunk + s.offsetB(p + 4 * g + q);
@@ -227,6 +229,7 @@ TARNWICK_KERNEL_INLINE void updatePixels(const CPixelSweep& s, ptrdiff_t i, ptrd
   if (kRight) out = out - own.template laneOfQuads<0>() * L::loadQuads(u + 4 * (i + 1), stride);
   if (kParent) {
     const float* parents[L::kGroups];
+#pragma GCC unroll 4
     for (int g = 0; g < L::kGroups; g++) parents[g] = s.parentValues + 4 * s.parent[i + g * aStep];
     out = out - own.template laneOfQuads<2>() * L::gatherQuads(parents);
   }
@@ -284,6 +287,7 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
       if (innerRows && t >= kBand && t < width - 1) {
         const ptrdiff_t i = static_cast<ptrdiff_t>(y0) * width + t;
         const ptrdiff_t next = width - 1;
+#pragma GCC unroll 6
         for (int chain = 0; chain < kChains; chain++)
           updatePixels<L, true, true, true, true, kParent, kCheck>(s, i + chain * next, kChains * next);
         continue;
