@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -305,6 +306,10 @@ void writeOutputs(const CSettings& aSettings, const CInputs& aIn, const CTensor<
   }
 }
 
+double secondsSince(std::chrono::steady_clock::time_point aStart) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - aStart).count();
+}
+
 int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* aStats) {
   CSettings settings;
   settings.path = aPath;
@@ -313,8 +318,12 @@ int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* a
   if (!parseArguments(argc, args, settings, status)) return status;
   createResultFolder(settings);
   CInputs inputs;
+  const auto readStart = std::chrono::steady_clock::now();
   loadInputs(settings, inputs);
+  if (aStats != nullptr) aStats->readSeconds = secondsSince(readStart);
+  const auto writeStart = std::chrono::steady_clock::now();
   writeInitialLabels(settings, inputs);
+  if (aStats != nullptr) aStats->writeSeconds = secondsSince(writeStart);
   std::cout << "alpha:             " << settings.aAlpha << std::endl;
   std::cout << std::endl;
   NDriver::CLabellingSettings labelling;
@@ -325,7 +334,10 @@ int run(int argc, char** args, NDriver::ESolverPath aPath, NDriver::CRunStats* a
   labelling.log = &std::cout;
   labelling.warnings = &std::cerr;
   for (int k = 0; k < settings.NoSegFiles; k++) labelling.segmentationNames.push_back(segmentationName(k));
-  writeOutputs(settings, inputs, NDriver::solveLabelling(inputs.problem, labelling));
+  const CTensor<float> degrees = NDriver::solveLabelling(inputs.problem, labelling);
+  const auto outputStart = std::chrono::steady_clock::now();
+  writeOutputs(settings, inputs, degrees);
+  if (aStats != nullptr) aStats->writeSeconds += secondsSince(outputStart);
   return 0;
 }
 

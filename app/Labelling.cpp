@@ -113,6 +113,7 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
     hierarchy.getLayer(0)->convertToImage(aLab);
   } else {
     CFlatHierarchy hierarchy = buildHierarchy(aLab, levelSegs, aSettings);
+    if (aSettings.stats != nullptr) aSettings.stats->buildSeconds += wallSeconds() - solveStart;
     warnAboutCost(hierarchy, il, labelCount, aSettings, aWarned);
     if (segFiles > 0) {
       CUtility::euclideanDistanceTransform(levelSegs[1], weight);
@@ -120,6 +121,13 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
     }
     hierarchy.solve(conf, labels, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);
     hierarchy.convertToImage(aLab);
+    if (aSettings.stats != nullptr) {
+      const CFlatHierarchy::CPhaseTimes& phases = hierarchy.phaseTimes();
+      aSettings.stats->weightSeconds += phases.weights;
+      aSettings.stats->pixelSweepSeconds += phases.pixelSweeps;
+      aSettings.stats->layerSweepSeconds += phases.layerSweeps;
+      aSettings.stats->projectionSeconds += phases.projection;
+    }
   }
   if (aSettings.stats != nullptr) aSettings.stats->solveSeconds += wallSeconds() - solveStart;
 }

@@ -18,11 +18,20 @@ namespace NDriver {
 // same bits.
 enum class ESolverPath { Fast, Reference };
 
-// What a run spent per resolution level, for benchmarks.
+// What a run spent per resolution level and per phase, for benchmarks; all
+// wall times, summed over the levels.
 struct CRunStats {
-  double levelSeconds[4] = {0, 0, 0, 0};  // wall time per level, 0 coarsest
+  double levelSeconds[4] = {0, 0, 0, 0};  // per level, 0 coarsest
   long long updates = 0;                   // pixel-label updates of the solver
-  double solveSeconds = 0;                 // wall time of all solver calls
+  double solveSeconds = 0;                 // hierarchy builds and solver calls
+  double readSeconds = 0;                  // reading the input files
+  double writeSeconds = 0;                 // writing the result files
+  double buildSeconds = 0;                 // hierarchy builds
+  // The fast solver's phases (CFlatHierarchy::CPhaseTimes).
+  double weightSeconds = 0;
+  double pixelSweepSeconds = 0;
+  double layerSweepSeconds = 0;
+  double projectionSeconds = 0;
 };
 
 // One labelling problem; every tensor has the image's width and height.

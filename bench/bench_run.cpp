@@ -2,14 +2,17 @@
 // reference path. It generates its inputs (a textured scene of discs and
 // polygons, three nested segmentations of about 2000, 500 and 120 regions and
 // scribbles of five labels) at 320x240, 640x480 and 1280x960, runs every case
-// in a forked child that calls the driver in-process, and reports wall time,
-// peak memory, time per resolution level and solver throughput. Fast and
-// reference results must be byte-identical; a difference or a failed run makes
-// the benchmark exit with status 1.
+// in a forked child that calls the driver in-process, and reports wall and
+// processor time, peak memory (also per pixel and per pixel-label), time per
+// resolution level and per phase. The fast path runs with its defaults, on
+// one thread and with every other register width the processor has; all its
+// results and the reference path's must be byte-identical, or the benchmark
+// exits with status 1 (as it does when a run fails).
 //
-// Usage: bench_run [--quick | --full]
-//   --quick  320x240 only (fast and reference path), a smoke run
-//   --full   also runs the reference path at 1280x960 (several minutes)
+// Usage: bench_run [--quick | --full] [--repeat=N]
+//   --quick     320x240 only (fast and reference path), a smoke run
+//   --full      also runs the reference path at 1280x960 (several minutes)
+//   --repeat=N  every fast row is the run of median wall time among N
 
 #include <omp.h>
 #include <sys/resource.h>
@@ -36,6 +39,7 @@
 #include <thread>
 #include <vector>
 
+#include "CFlatHierarchy.h"
 #include "CMatrix.h"
 #include "CTensor.h"
 #include "Driver.h"
@@ -306,6 +310,7 @@ struct CChildReport {
 struct CMeasurement {
   bool ok = false;
   double wallSeconds = 0;
+  double cpuSeconds = 0;  // user and system time of the child
   double peakMB = 0;
   CChildReport report;
 };
@@ -375,6 +380,8 @@ CMeasurement measureInChild(bool aSilence, TWork aWork) {
   }
   measurement.wallSeconds = secondsSince(start);
   measurement.peakMB = static_cast<double>(usage.ru_maxrss) / 1024.0;  // kilobytes on Linux
+  auto seconds = [](const timeval& aTime) { return static_cast<double>(aTime.tv_sec) + aTime.tv_usec / 1e6; };
+  measurement.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
   measurement.ok = got == sizeof measurement.report && WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
                    measurement.report.status == 0;
   return measurement;
@@ -393,9 +400,12 @@ bool generateInputs(const std::vector<CSize>& aSizes, const std::string& aRoot) 
 }
 
 // One labelling run: tarnwick IMG.ppm 3 labels.ppm 0 0.3 0 OUTPREFIX.
-CMeasurement measureRun(const std::string& aFolder, const std::string& aOutPrefix, ESolverPath aPath, int aThreads) {
+// aBits: the solver's register limit, 0 for its default.
+CMeasurement measureRunOnce(const std::string& aFolder, const std::string& aOutPrefix, ESolverPath aPath,
+                            int aThreads, int aBits) {
   return measureInChild(true, [&] {
     if (aThreads > 0) omp_set_num_threads(aThreads);
+    if (aBits > 0) CFlatHierarchy::limitVectorBits(aBits);
     std::vector<std::string> arguments = {"tarnwick", aFolder + "/image.ppm", "3", "labels.ppm", "0", "0.3", "0",
                                           aFolder + "/" + aOutPrefix};
     std::vector<char*> argv;
@@ -406,6 +416,19 @@ CMeasurement measureRun(const std::string& aFolder, const std::string& aOutPrefi
     report.status = NDriver::main(static_cast<int>(arguments.size()), argv.data(), aPath, &report.stats);
     return report;
   });
+}
+
+// The run of median wall time among aRepeats.
+CMeasurement measureRun(const std::string& aFolder, const std::string& aOutPrefix, ESolverPath aPath, int aThreads,
+                        int aBits, int aRepeats) {
+  std::vector<CMeasurement> runs;
+  for (int r = 0; r < aRepeats; r++) {
+    runs.push_back(measureRunOnce(aFolder, aOutPrefix, aPath, aThreads, aBits));
+    if (!runs.back().ok) return runs.back();
+  }
+  std::sort(runs.begin(), runs.end(),
+            [](const CMeasurement& a, const CMeasurement& b) { return a.wallSeconds < b.wallSeconds; });
+  return runs[runs.size() / 2];
 }
 
 std::string readBytes(const std::string& aPath) {
@@ -427,44 +450,91 @@ bool sameResults(const std::string& aFolder, const std::string& aPrefixA, const 
 struct COptions {
   bool quick = false;
   bool full = false;
+  int repeats = 1;
 };
 
 struct CCase {
   CSize size;
   bool reference;     // also run the reference path
-  bool singleThread;  // also run the fast path on one thread
 };
 
 std::vector<CCase> casesFor(const COptions& aOptions) {
-  if (aOptions.quick) return {{{320, 240}, true, false}};
-  return {{{320, 240}, true, false}, {{640, 480}, true, true}, {{1280, 960}, aOptions.full, false}};
+  if (aOptions.quick) return {{{320, 240}, true}};
+  return {{{320, 240}, true}, {{640, 480}, true}, {{1280, 960}, aOptions.full}};
+}
+
+// One run of a case: path, threads (0: the default), register limit (0: the default).
+struct CRunKind {
+  std::string name;
+  ESolverPath path;
+  int threads;
+  int bits;
+};
+
+// The runs of every case: the fast path's default first (the others are
+// compared with it), then one thread, every other register width the
+// processor has, and the reference path.
+std::vector<CRunKind> runKinds(bool aReference) {
+  std::vector<CRunKind> kinds = {{"fast", ESolverPath::Fast, 0, 0}, {"fast", ESolverPath::Fast, 1, 0}};
+  for (int bits : {128, 256, 512}) {
+    CFlatHierarchy::limitVectorBits(bits);
+    if (CFlatHierarchy::vectorBits() == bits && bits != CFlatHierarchy::kDefaultVectorBits)
+      kinds.push_back({"fast", ESolverPath::Fast, 0, bits});
+  }
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
+  if (aReference) kinds.push_back({"reference", ESolverPath::Reference, 0, 0});
+  return kinds;
 }
 
 void printHeader() {
-  std::cout << "\nsize       path        thr  wall[s]  peak[MB] level 1/8   1/4    1/2      1  solve[s]  Mupd/s"
+  std::cout << "\nsize       path       bits thr  wall[s]   cpu[s] peak[MB]  B/px B/px/lab level 1/8   1/4    1/2      1"
                "  x fast  same\n";
 }
 
-// One table row; aFast is the two-thread fast run of the same size, or null
-// for that run itself.
-void printRow(const CSize& aSize, const std::string& aPath, const CMeasurement& aRun, const CMeasurement* aFast,
+// One row of the main table; aFast is the default fast run of the same size,
+// or null for that run itself.
+void printRow(const CSize& aSize, const CRunKind& aKind, const CMeasurement& aRun, const CMeasurement* aFast,
               bool aSame) {
-  std::cout << std::left << std::setw(10) << aSize.name() << " " << std::setw(10) << aPath << std::right;
+  std::cout << std::left << std::setw(10) << aSize.name() << " " << std::setw(10) << aKind.name << std::right;
   if (!aRun.ok) {
     std::cout << "  run failed (see the messages above)\n";
     return;
   }
   const CRunStats& stats = aRun.report.stats;
-  std::cout << std::setw(5) << aRun.report.threads << std::fixed << std::setprecision(2) << std::setw(9)
-            << aRun.wallSeconds << std::setprecision(1) << std::setw(10) << aRun.peakMB << std::setprecision(2)
-            << std::setw(10) << stats.levelSeconds[0];
+  const double pixels = static_cast<double>(aSize.width) * aSize.height;
+  const double bytes = aRun.peakMB * 1024.0 * 1024.0;
+  std::cout << std::setw(5);
+  if (aKind.path == ESolverPath::Reference)
+    std::cout << "-";
+  else
+    std::cout << (aKind.bits > 0 ? aKind.bits : CFlatHierarchy::kDefaultVectorBits);
+  std::cout << std::setw(4) << aRun.report.threads << std::fixed << std::setprecision(2) << std::setw(9)
+            << aRun.wallSeconds << std::setw(9) << aRun.cpuSeconds << std::setprecision(1) << std::setw(9)
+            << aRun.peakMB << std::setprecision(0) << std::setw(6) << bytes / pixels << std::setw(9)
+            << bytes / pixels / kLabels << std::setprecision(2) << std::setw(10) << stats.levelSeconds[0];
   for (int level = 1; level < 4; level++) std::cout << std::setw(7) << stats.levelSeconds[level];
-  const double rate = stats.solveSeconds > 0 ? stats.updates / stats.solveSeconds / 1e6 : 0.0;
-  std::cout << std::setw(10) << stats.solveSeconds << std::setprecision(1) << std::setw(8) << rate;
   if (aFast != nullptr && aFast->ok)
     std::cout << std::setprecision(2) << std::setw(8) << aRun.wallSeconds / aFast->wallSeconds << "  "
               << (aSame ? "yes" : "NO");
   std::cout << "\n";
+}
+
+// Where the wall time of a fast run went, in seconds.
+void printPhases(const CSize& aSize, const CRunKind& aKind, const CMeasurement& aRun) {
+  if (!aRun.ok || aKind.path != ESolverPath::Fast) return;
+  const CRunStats& s = aRun.report.stats;
+  const double solver = s.weightSeconds + s.pixelSweepSeconds + s.layerSweepSeconds + s.projectionSeconds;
+  const double setup = s.solveSeconds - s.buildSeconds - solver;
+  double levels = 0;
+  for (double level : s.levelSeconds) levels += level;
+  const double other = aRun.wallSeconds - s.readSeconds - s.writeSeconds - levels;
+  std::cout << std::left << std::setw(10) << aSize.name() << std::right << std::setw(5)
+            << (aKind.bits > 0 ? aKind.bits : CFlatHierarchy::kDefaultVectorBits) << std::setw(4)
+            << aRun.report.threads << std::fixed << std::setprecision(3);
+  for (double phase : {s.readSeconds, levels - s.solveSeconds, s.buildSeconds, setup, s.weightSeconds,
+                       s.pixelSweepSeconds, s.layerSweepSeconds, s.projectionSeconds, s.writeSeconds, other})
+    std::cout << std::setw(8) << phase;
+  std::cout << std::setprecision(1) << std::setw(8) << (solver > 0 ? s.updates / solver / 1e6 : 0.0) << "\n";
 }
 
 void printMachine(const COptions& aOptions) {
@@ -472,7 +542,7 @@ void printMachine(const COptions& aOptions) {
   const bool hasLoad = getloadavg(load, 3) == 3;
   std::cout << "Labelling run: tarnwick IMG.ppm 3 labels.ppm 0 0.3 0 OUTPREFIX, each run in a child process\n"
             << "machine: " << std::thread::hardware_concurrency() << " hardware threads, omp_get_max_threads() "
-            << omp_get_max_threads();
+            << omp_get_max_threads() << ", widest registers " << CFlatHierarchy::vectorBits() << " bits";
   if (hasLoad) std::cout << ", load average " << std::fixed << std::setprecision(2) << load[0];
   std::cout << "\n";
   if (aOptions.quick)
@@ -480,7 +550,8 @@ void printMachine(const COptions& aOptions) {
   else if (!aOptions.full)
     std::cout << "reference path at 320x240 and 640x480 only (--full adds 1280x960)\n";
   std::cout << "inputs: three nested segmentations of about " << kRegionCounts[0] << " / " << kRegionCounts[1]
-            << " / " << kRegionCounts[2] << " regions, " << kLabels << " labels\n";
+            << " / " << kRegionCounts[2] << " regions, " << kLabels << " labels; median of " << aOptions.repeats
+            << " run(s) per row\n";
 }
 
 // Returns true when every run succeeded and every comparison matched.
@@ -492,37 +563,47 @@ bool benchmark(const COptions& aOptions, const std::string& aRoot) {
   printHeader();
   bool good = true;
   std::vector<std::string> verdicts;
+  std::vector<std::pair<CSize, std::pair<CRunKind, CMeasurement>>> fastRuns;
   for (const CCase& oneCase : cases) {
     const std::string folder = aRoot + "/" + oneCase.size.name();
-    const CMeasurement fast = measureRun(folder, "fast_", ESolverPath::Fast, 0);
-    printRow(oneCase.size, "fast", fast, nullptr, true);
-    good = good && fast.ok;
-    if (oneCase.singleThread) {
-      const CMeasurement single = measureRun(folder, "fast1_", ESolverPath::Fast, 1);
-      const bool same = sameResults(folder, "fast_", "fast1_");
-      printRow(oneCase.size, "fast", single, &fast, same);
-      good = good && single.ok && same;
+    const std::vector<CRunKind> kinds = runKinds(oneCase.reference);
+    CMeasurement fast;
+    bool allSame = true;
+    for (size_t k = 0; k < kinds.size(); k++) {
+      const CRunKind& kind = kinds[k];
+      const std::string prefix = "run" + std::to_string(k) + "_";
+      const int repeats = kind.path == ESolverPath::Fast ? aOptions.repeats : 1;
+      const CMeasurement run = measureRun(folder, prefix, kind.path, kind.threads, kind.bits, repeats);
+      const bool same = k == 0 || sameResults(folder, "run0_", prefix);
+      if (k == 0) fast = run;
+      printRow(oneCase.size, kind, run, k == 0 ? nullptr : &fast, same);
+      good = good && run.ok && same;
+      allSame = allSame && same;
+      if (kind.path == ESolverPath::Fast) fastRuns.push_back({oneCase.size, {kind, run}});
     }
-    if (oneCase.reference) {
-      const CMeasurement reference = measureRun(folder, "reference_", ESolverPath::Reference, 0);
-      const bool same = sameResults(folder, "fast_", "reference_");
-      printRow(oneCase.size, "reference", reference, &fast, same);
-      good = good && reference.ok && same;
-      verdicts.push_back(oneCase.size.name() + (same ? " byte-identical" : " DIFFERENT"));
-    }
+    verdicts.push_back(oneCase.size.name() + (allSame ? " byte-identical" : " DIFFERENT"));
     std::cout.flush();
   }
-  std::cout << "\nfast against reference result files:";
+  std::cout << "\nsize       bits thr    read   level   build   setup weights  pixels  layers project   write"
+               "   other  Mupd/s\n";
+  for (const auto& [size, run] : fastRuns) printPhases(size, run.first, run.second);
+  std::cout << "\nresult files of all runs against the first of their size:";
   for (const std::string& verdict : verdicts) std::cout << " " << verdict << ";";
   std::cout << "\n";
   return good;
 }
 
 void printLegend() {
-  std::cout << "thr: OpenMP threads of the run; wall: whole child run; peak: its maximum resident memory;\n"
-               "level: wall time per resolution level; solve: wall time of all solver calls;\n"
-               "Mupd/s: pixel-label updates of the solver per second; x fast: wall time over the fast run's\n"
-               "of the same size; same: result files byte-identical to the fast run's\n";
+  std::cout << "bits: register width of the fast path; thr: OpenMP threads; wall: whole child run; cpu: its user\n"
+               "and system time; peak: its maximum resident memory, also in bytes per pixel and per pixel-label;\n"
+               "level: wall time per resolution level; x fast: wall time over the first run's of the same size;\n"
+               "same: result files byte-identical to that run's.\n"
+               "Phases (wall time of the whole run; the solver phases as its first thread sees them): read the\n"
+               "inputs; level: resampling between levels; build: hierarchy builds; setup: distance transform and\n"
+               "data weight; weights: value-dependent weights and weight sums; pixels: pixel passes; layers:\n"
+               "coarser-layer passes and the wait for the other thread; project: projection onto the simplex;\n"
+               "write: result files; other: the rest (start-up, label set-up). Mupd/s: pixel-label updates per\n"
+               "second of the solver phases, in millions.\n";
 }
 
 COptions parseOptions(int argc, char** argv) {
@@ -533,8 +614,10 @@ COptions parseOptions(int argc, char** argv) {
       options.quick = true;
     else if (option == "--full")
       options.full = true;
+    else if (option.rfind("--repeat=", 0) == 0 && std::atoi(option.c_str() + 9) > 0)
+      options.repeats = std::atoi(option.c_str() + 9);
     else
-      throw std::invalid_argument("unknown option " + option + "; usage: bench_run [--quick | --full]");
+      throw std::invalid_argument("unknown option " + option + "; usage: bench_run [--quick | --full] [--repeat=N]");
   }
   if (options.quick && options.full) throw std::invalid_argument("--quick and --full exclude each other");
   return options;

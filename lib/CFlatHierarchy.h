@@ -67,6 +67,16 @@ public:
   void solve(const CMatrix<float>& aConf, const CTensor<float>& aLabels, const CMatrix<float>& aWeight, float aAlpha,
              float aOmega, int maxiter);
 
+  // Wall time of the phases of all solve calls so far, as the first thread
+  // of the team sees them; a phase ends when all threads have done it.
+  struct CPhaseTimes {
+    double weights = 0;      // value-dependent weights, weight sums
+    double pixelSweeps = 0;  // the first thread's pixel passes
+    double layerSweeps = 0;  // its coarser-layer passes and the wait for the others
+    double projection = 0;
+  };
+  const CPhaseTimes& phaseTimes() const { return mPhaseTimes; }
+
   // The widest registers the solver may use: 128, 256 or 512 bits; all
   // widths give the same bits. The default is the fastest on the development
   // machine: there the 512-bit pixel sweep, which gathers four pixels of four
@@ -151,4 +161,5 @@ private:
   std::vector<float> mPixelWeights;
   // Per pixel and solve: data-term flag and weight, and rhs per label chunk.
   std::vector<float> mConf, mWeight, mRhs;
+  CPhaseTimes mPhaseTimes;
 };

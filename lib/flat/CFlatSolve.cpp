@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <memory>
 
 #include "CFlatHierarchy.h"
@@ -22,6 +23,22 @@ const NFlat::CKernels& kernelsOf(int aBits) {
   if (aBits >= 256) return NFlat::kernels256();
   return NFlat::kernels128();
 }
+
+// Adds the wall time since the previous lap to a phase's total, when on.
+class CPhaseClock {
+public:
+  explicit CPhaseClock(bool aOn) : mOn(aOn), mLast(std::chrono::steady_clock::now()) {}
+  void lap(double& aTotal) {
+    if (!mOn) return;
+    const auto now = std::chrono::steady_clock::now();
+    aTotal += std::chrono::duration<double>(now - mLast).count();
+    mLast = now;
+  }
+
+private:
+  bool mOn;
+  std::chrono::steady_clock::time_point mLast;
+};
 
 }  // namespace
 
@@ -72,19 +89,26 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     }
     const int thread = omp_get_thread_num();
     const int threads = omp_get_num_threads();
+    // The first thread times the phases; the clock costs nothing against them.
+    CPhaseClock clock(thread == 0);
     for (int iter = 0; iter < maxiter; iter++) {
       computeVariableWeights(thread, threads);
       barrier->wait();
       computeWeightSums(thread, threads, aAlpha, aOmega);
       barrier->wait();
+      clock.lap(mPhaseTimes.weights);
       for (int inner = 0; inner < kInnerIterations; inner++) {
         for (int c = thread; c < mChunks; c += threads) {
+          clock.lap(mPhaseTimes.layerSweeps);
           sweepPixels(c, aAlpha, aOmega);
+          clock.lap(mPhaseTimes.pixelSweeps);
           for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
         }
         barrier->wait();
+        clock.lap(mPhaseTimes.layerSweeps);
         normalizeShare(thread, threads);
         barrier->wait();
+        clock.lap(mPhaseTimes.projection);
       }
     }
   }
