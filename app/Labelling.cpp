@@ -1,5 +1,6 @@
 #include "Labelling.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <ctime>
@@ -47,7 +48,7 @@ double wallSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-CFlatHierarchy buildHierarchy(const CTensor<float>& aLab, const std::vector<CTensor<float>>& aSegs,
+CFlatHierarchy buildHierarchy(const CTensor<float>& aLab, const std::vector<const CTensor<float>*>& aSegs,
                               const CLabellingSettings& aSettings) {
   try {
     return CFlatHierarchy(aLab, aSegs);
@@ -74,6 +75,25 @@ void warnAboutCost(const CFlatHierarchy& aHierarchy, int il, int aLabels, const 
   aWarned = true;
 }
 
+// Whether the confidence-weighted resampling to aXSize x aYSize returns
+// aLabels and aConf unchanged: the same size, a confidence of +0 or 1, labels
+// of +0 or 1, and +0 wherever the confidence is not 1.
+bool resamplesToItself(const CTensor<float>& aLabels, const CMatrix<float>& aConf, int aXSize, int aYSize) {
+  if (aLabels.xSize() != aXSize || aLabels.ySize() != aYSize || aConf.xSize() != aXSize || aConf.ySize() != aYSize)
+    return false;
+  auto isPlusZero = [](float a) { return a == 0.0f && !std::signbit(a); };
+  const int n = aXSize * aYSize;
+  for (int i = 0; i < n; i++) {
+    const float c = aConf.data()[i];
+    if (c != 1.0f && !isPlusZero(c)) return false;
+    for (int k = 0; k < aLabels.zSize(); k++) {
+      const float label = aLabels.data()[static_cast<size_t>(k) * n + i];
+      if (!(isPlusZero(label) || (label == 1.0f && c == 1.0f))) return false;
+    }
+  }
+  return true;
+}
+
 // Relaxes aLab (the level's size) at level il.
 void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aSettings, CTensor<float>& aLab,
                 bool& aWarned) {
@@ -83,18 +103,41 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
   int nXSize = 0;
   int nYSize = 0;
   levelSize(aIn.image.xSize(), aIn.image.ySize(), il, nXSize, nYSize);
-  CTensor<float> labels(aIn.labels);
-  labels.downsample(nXSize, nYSize, aIn.confidence);
-  CMatrix<float> conf(aIn.confidence);
-  conf.downsample(nXSize, nYSize, aIn.confidence);
-  CTensor<float> image(aIn.image);
-  image.downsample(nXSize, nYSize);
-  std::vector<CTensor<float>> levelSegs;
-  levelSegs.push_back(std::move(image));
   const int factor = static_cast<int>(std::pow(2.0, maxGrid - il));
-  for (const CTensor<float>& segmentation : aIn.segmentations) {
-    levelSegs.emplace_back(nXSize, nYSize, aIn.image.zSize());
-    CUtility::downsample_fac(levelSegs.back(), segmentation, factor);
+  const bool fastAtFullSize = factor == 1 && aSettings.path == ESolverPath::Fast;
+  // The labels and the confidence at the level's size, or the inputs
+  // themselves where resampling would return them unchanged.
+  CTensor<float> labelCopy;
+  CMatrix<float> confCopy;
+  const bool labelsInPlace = fastAtFullSize && resamplesToItself(aIn.labels, aIn.confidence, nXSize, nYSize);
+  if (!labelsInPlace) {
+    labelCopy = aIn.labels;
+    labelCopy.downsample(nXSize, nYSize, aIn.confidence);
+    confCopy = aIn.confidence;
+    confCopy.downsample(nXSize, nYSize, aIn.confidence);
+  }
+  const CTensor<float>& labels = labelsInPlace ? aIn.labels : labelCopy;
+  const CMatrix<float>& conf = labelsInPlace ? aIn.confidence : confCopy;
+  // The image and the segmentations at the level's size; at full size the
+  // fast path reads the inputs themselves where resampling would copy them.
+  auto copyIsInput = [&](const CTensor<float>& aSegmentation) {
+    return aSegmentation.xSize() == nXSize && aSegmentation.ySize() == nYSize &&
+           aSegmentation.zSize() == aIn.image.zSize();
+  };
+  const bool inPlace = fastAtFullSize && std::all_of(aIn.segmentations.begin(), aIn.segmentations.end(), copyIsInput);
+  std::vector<CTensor<float>> levelSegs;
+  std::vector<const CTensor<float>*> levelSegPointers;
+  if (inPlace) {
+    levelSegPointers.push_back(&aIn.image);
+    for (const CTensor<float>& segmentation : aIn.segmentations) levelSegPointers.push_back(&segmentation);
+  } else {
+    levelSegs.push_back(aIn.image);
+    levelSegs.back().downsample(nXSize, nYSize);
+    for (const CTensor<float>& segmentation : aIn.segmentations) {
+      levelSegs.emplace_back(nXSize, nYSize, aIn.image.zSize());
+      CUtility::downsample_fac(levelSegs.back(), segmentation, factor);
+    }
+    for (const CTensor<float>& tensor : levelSegs) levelSegPointers.push_back(&tensor);
   }
   // The data weight: 1, or with superpixels the distance to the nearest
   // region boundary of the finest segmentation spread over its regions.
@@ -109,14 +152,14 @@ void solveLevel(int il, const CLabellingInput& aIn, const CLabellingSettings& aS
       CUtility::euclideanDistanceTransform(levelSegs[1], weight);
       hierarchy.getLayer(1)->distanceFunction(weight);
     }
-    solveSegmentation_SOR(hierarchy, conf, labels, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);
+    solveSegmentation_SOR(hierarchy, confCopy, labelCopy, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);
     hierarchy.getLayer(0)->convertToImage(aLab);
   } else {
-    CFlatHierarchy hierarchy = buildHierarchy(aLab, levelSegs, aSettings);
+    CFlatHierarchy hierarchy = buildHierarchy(aLab, levelSegPointers, aSettings);
     if (aSettings.stats != nullptr) aSettings.stats->buildSeconds += wallSeconds() - solveStart;
     warnAboutCost(hierarchy, il, labelCount, aSettings, aWarned);
     if (segFiles > 0) {
-      CUtility::euclideanDistanceTransform(levelSegs[1], weight);
+      CUtility::euclideanDistanceTransform(*levelSegPointers[1], weight);
       hierarchy.distanceFunction(weight);
     }
     hierarchy.solve(conf, labels, weight, aSettings.alpha, aOMEGA[il], maxITER[il]);

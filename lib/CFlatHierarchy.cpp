@@ -33,7 +33,20 @@ float colourDiffusivity(const CTensor<float>& aImageA, int aPixelA, const CTenso
 
 }  // namespace
 
+namespace {
+
+std::vector<const CTensor<float>*> addresses(const std::vector<CTensor<float>>& aTensors) {
+  std::vector<const CTensor<float>*> result;
+  for (const CTensor<float>& tensor : aTensors) result.push_back(&tensor);
+  return result;
+}
+
+}  // namespace
+
 CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTensor<float>>& aSegs)
+    : CFlatHierarchy(aImg, addresses(aSegs)) {}
+
+CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<const CTensor<float>*>& aSegs)
     : mXSize(aImg.xSize()), mYSize(aImg.ySize()), mLabels(aImg.zSize()) {
   if (aSegs.empty()) throw CHierarchy::EMissingLayers(0);
   mDistRelaxation = static_cast<float>(0.2 * std::max(mXSize, mYSize));
@@ -45,8 +58,8 @@ CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTe
   mLaneIndex.resize(mLabels);
   for (int k = 0; k < mLabels; k++) mLaneIndex[k] = 4 * (k / mLanes) + k % mLanes;
   mLayers.resize(aSegs.size());
-  buildPixelLayer(aSegs[0]);
-  for (size_t k = 1; k < aSegs.size(); k++) buildCoarserLayer(static_cast<int>(k), aSegs[k], aSegs[k - 1]);
+  buildPixelLayer(*aSegs[0]);
+  for (size_t k = 1; k < aSegs.size(); k++) buildCoarserLayer(static_cast<int>(k), *aSegs[k], *aSegs[k - 1]);
   allocateValues(aImg);
   for (int l = 1; l < size(); l++) buildEntries(l);
 }
@@ -61,7 +74,7 @@ size_t bytesOf(const std::vector<T>&... aVectors) {
 }  // namespace
 
 size_t CFlatHierarchy::bytes() const {
-  size_t total = bytesOf(mValues, mConstX, mConstY, mVarX, mVarY, mPixelWeights, mConf, mWeight, mRhs);
+  size_t total = bytesOf(mValues, mConstX, mConstY, mVarX, mVarY, mPixelWeights, mDataWeight, mRhs);
   for (const CLayer& l : mLayers)
     total += bytesOf(l.x, l.y, l.firstLeaf, l.parent, l.parentConst, l.parentVar, l.childStart, l.child, l.childConst,
                      l.nbrStart, l.nbr, l.nbrDist, l.nbrConst, l.nbrPair, l.pairNodes, l.pairVar, l.md,
@@ -135,15 +148,8 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImage) {
   CLayer& layer = mLayers[0];
   const int n = mXSize * mYSize;
   layer.nodes = n;
-  layer.x.resize(n);
-  layer.y.resize(n);
-  layer.firstLeaf.resize(n);
-  for (int i = 0; i < n; i++) {
-    layer.x[i] = static_cast<float>(i % mXSize);
-    layer.y[i] = static_cast<float>(i / mXSize);
-    layer.firstLeaf[i] = i;
-  }
   allocateNodeArrays(layer);
+  layer.omegaOverMd = {};  // a pixel's is among its weights
   CMatrix<float> gx(mXSize, mYSize);
   CMatrix<float> gy(mXSize, mYSize);
   CSuperpixelLayer::diffusivities_fl(aImage, gx, gy);
@@ -168,12 +174,17 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
   if (aSeg.zSize() < 3) throw EFileError("segmentation image", "has fewer than three colour channels");
   CLayer& finer = mLayers[aLayer - 1];
   CLayer& layer = mLayers[aLayer];
+  // A pixel is its own first leaf, its centre its coordinates.
+  const bool pixels = aLayer == 1;
+  auto leafOf = [&](int f) { return pixels ? f : finer.firstLeaf[f]; };
+  auto centreX = [&](int f) { return pixels ? static_cast<float>(f % mXSize) : finer.x[f]; };
+  auto centreY = [&](int f) { return pixels ? static_cast<float>(f / mXSize) : finer.y[f]; };
   // Nodes in order of first appearance of their colour at the finer nodes' first leaves.
   std::unordered_map<int, int> nodeOfColour;
   int lastKey = -1;
   int lastNode = -1;
   for (int f = 0; f < finer.nodes; f++) {
-    const int leaf = finer.firstLeaf[f];
+    const int leaf = leafOf(f);
     const int key = segmentColourKey(aSeg, leaf % mXSize, leaf / mXSize);
     if (key != lastKey) {
       lastNode = nodeOfColour.try_emplace(key, static_cast<int>(nodeOfColour.size())).first->second;
@@ -197,13 +208,13 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
     float sumX = 0.0f;
     float sumY = 0.0f;
     for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
-      sumX += finer.x[layer.child[j]];
-      sumY += finer.y[layer.child[j]];
+      sumX += centreX(layer.child[j]);
+      sumY += centreY(layer.child[j]);
     }
     const float count = static_cast<float>(layer.childStart[p + 1] - layer.childStart[p]);
     layer.x[p] = sumX / count;
     layer.y[p] = sumY / count;
-    layer.firstLeaf[p] = finer.firstLeaf[layer.child[layer.childStart[p]]];
+    layer.firstLeaf[p] = leafOf(layer.child[layer.childStart[p]]);
   }
   allocateNodeArrays(layer);
 
@@ -225,7 +236,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
     const float count = static_cast<float>(layer.childStart[p + 1] - layer.childStart[p]);
     for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) {
       const int c = layer.child[j];
-      const float w = colourDiffusivity(aSeg, layer.firstLeaf[p], aFinerSeg, finer.firstLeaf[c]);
+      const float w = colourDiffusivity(aSeg, layer.firstLeaf[p], aFinerSeg, leafOf(c));
       finer.parentConst[c] = w;
       layer.childConst[j] = w * count;
     }

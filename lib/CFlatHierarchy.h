@@ -48,6 +48,9 @@ public:
   // aImg: starting degrees of the pixels, one layer per label; aSegs[0] the
   // image that weights the pixel edges, aSegs[k] the segmentation of layer k.
   CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTensor<float>>& aSegs);
+  // The same with the image and segmentations where they are; they are read
+  // during the construction only.
+  CFlatHierarchy(const CTensor<float>& aImg, const std::vector<const CTensor<float>*>& aSegs);
 
   int size() const { return static_cast<int>(mLayers.size()); }
   int layerSize(int aLayer) const { return mLayers[aLayer].nodes; }
@@ -89,8 +92,10 @@ public:
 private:
   struct CLayer {
     int nodes = 0;
-    std::vector<float> x, y;           // centre
-    std::vector<int> firstLeaf;        // pixel index of the first-child-first leaf
+    // Centre and pixel index of the first-child-first leaf (coarser layers;
+    // a pixel's are its coordinates and its index).
+    std::vector<float> x, y;
+    std::vector<int> firstLeaf;
     std::vector<int> parent;           // node in the layer above, -1 in the top layer
     std::vector<float> parentConst;    // constant weight of the edge to the parent
     std::vector<float> parentVar;      // value-dependent weight of that edge
@@ -159,7 +164,7 @@ private:
   // What a pixel update reads of its own, four floats per pixel: the weight
   // products of the edges to the right, below and to the parent, and omega / md.
   std::vector<float> mPixelWeights;
-  // Per pixel and solve: data-term flag and weight, and rhs per label chunk.
-  std::vector<float> mConf, mWeight, mRhs;
+  // Per pixel and solve: alpha * data weight * data-term flag, and rhs per label chunk.
+  std::vector<float> mDataWeight, mRhs;
   CPhaseTimes mPhaseTimes;
 };

@@ -59,8 +59,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
   const int width = mXSize;
   const int n = width * mYSize;
   // Data term: constant for the whole solve.
-  mConf.resize(n);
-  mWeight.resize(n);
+  mDataWeight.resize(n);
   mRhs.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
 #pragma omp parallel for schedule(static)
   for (int i = 0; i < n; i++) {
@@ -68,8 +67,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     const int y = i / width;
     const float c = aConf(x, y) == 1.0f ? 1.0f : 0.0f;
     const float w = aWeight(x, y);
-    mConf[i] = c;
-    mWeight[i] = w;
+    mDataWeight[i] = aAlpha * w * c;
     for (int k = 0; k < mLabels; k++)
       mRhs[static_cast<size_t>(k / mLanes) * n * 4 + static_cast<size_t>(i) * 4 + k % mLanes] =
           w * aAlpha * c * aLabels(x, y, k);

@@ -78,7 +78,7 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
       if (y < height - 1) sum = sum + weights[1];
       if (x < width - 1) sum = sum + weights[0];
       sum = sum + weights[2];
-      const float md = aAlpha * mWeight[i] * mConf[i] + oneMinusAlpha * sum;
+      const float md = mDataWeight[i] + oneMinusAlpha * sum;
       pixels.md[i] = md;
       weights[3] = aOmega / md;
       zero = zero || md == 0.0f;
