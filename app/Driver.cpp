@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "CErrors.h"
-#include "CImageFile.h"
 #include "CFlatHierarchy.h"
+#include "CImageFile.h"
 #include "CTensor.h"
 #include "CUtility.h"
 #include "ColourImage.h"

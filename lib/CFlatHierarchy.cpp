@@ -14,6 +14,7 @@
 #include "CHierarchy.h"
 #include "CMemoryBudget.h"
 #include "CSuperpixelLayer.h"
+#include "SolverRules.h"
 
 // Building the flat hierarchy: nodes, links and constant weights of every
 // layer, and the degrees' layout. The solve is in flat/CFlatSolve.cpp.
@@ -49,7 +50,7 @@ CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<CTe
 CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<const CTensor<float>*>& aSegs)
     : mXSize(aImg.xSize()), mYSize(aImg.ySize()), mLabels(aImg.zSize()) {
   if (aSegs.empty()) throw CHierarchy::EMissingLayers(0);
-  mDistRelaxation = static_cast<float>(0.2 * std::max(mXSize, mYSize));
+  mDistRelaxation = NSolverRules::distanceRelaxation(mXSize, mYSize);
   // Enough chunks to keep every thread busy, at most four labels each.
   const int threads = std::max(1, omp_get_max_threads());
   const int wanted = std::max((mLabels + 3) / 4, std::min(threads, mLabels));
@@ -226,8 +227,7 @@ void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, c
   for (int a = 0; a < n; a++)
     for (int j = layer.nbrStart[a]; j < layer.nbrStart[a + 1]; j++) {
       const float dist = layer.nbrDist[j];
-      const float exponent = -dist * dist / mDistRelaxation;
-      const float spatial = static_cast<float>(std::exp(static_cast<double>(exponent)));
+      const float spatial = NSolverRules::spatialFactor(dist, mDistRelaxation);
       layer.nbrConst[j] = colourDiffusivity(aSeg, layer.firstLeaf[a], aSeg, layer.firstLeaf[layer.nbr[j]]) * spatial;
     }
   layer.childConst.resize(layer.child.size());

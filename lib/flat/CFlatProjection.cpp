@@ -1,16 +1,10 @@
 // The flat solver's projection of every node's degrees onto the simplex.
 #include <algorithm>
-#include <cstring>
 
 #include "CFlatHierarchy.h"
+#include "SameBits.h"
 #include "flat/CShare.h"
 #include "flat/FlatKernels.h"
-
-namespace {
-
-bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof(float)) == 0; }
-
-}  // namespace
 
 // One node, as the layers' normalize does it: rounds of thresholding, one per
 // label. A round whose threshold equals the previous one to the bit selects

@@ -9,12 +9,11 @@
 #include <memory>
 
 #include "CFlatHierarchy.h"
+#include "SolverRules.h"
 #include "flat/CYieldingBarrier.h"
 #include "flat/FlatKernels.h"
 
 namespace {
-
-constexpr int kInnerIterations = 10;
 
 std::atomic<int> gVectorLimit{CFlatHierarchy::kDefaultVectorBits};
 
@@ -95,7 +94,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
       computeWeightSums(thread, threads, aAlpha, aOmega);
       barrier->wait();
       clock.lap(mPhaseTimes.weights);
-      for (int inner = 0; inner < kInnerIterations; inner++) {
+      for (int inner = 0; inner < NSolverRules::kInnerIterations; inner++) {
         for (int c = thread; c < mChunks; c += threads) {
           clock.lap(mPhaseTimes.layerSweeps);
           sweepPixels(c, aAlpha, aOmega);
