@@ -136,74 +136,62 @@ void expectSameDegrees(CHierarchy& aReference, const CFlatHierarchy& aFlat, int 
   }
 }
 
-void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, int aThreads, bool aSeveralLabels = false,
-                  bool aLarge = false) {
+// The reference solve once, then the flat solve with one and two threads at
+// every register width the processor has, each compared with it.
+void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveralLabels = false, bool aLarge = false) {
   const std::string what = "seed " + std::to_string(aSeed) + ", " + std::to_string(aCoarserLayers) +
-                           " layers, " + (aNested ? "nested" : "not nested") + ", " +
-                           std::to_string(aThreads) + " threads" + (aSeveralLabels ? ", several labels" : "") +
-                           (aLarge ? ", large" : "") + ", " + std::to_string(CFlatHierarchy::vectorBits()) + " bits";
+                           " layers, " + (aNested ? "nested" : "not nested") +
+                           (aSeveralLabels ? ", several labels" : "") + (aLarge ? ", large" : "");
   CCase c = randomCase(aSeed, aCoarserLayers, aNested, aSeveralLabels, aLarge);
-  omp_set_num_threads(aThreads);
   CHierarchy reference(c.start, c.segs);
-  CFlatHierarchy flat(c.start, c.segs);
   CMatrix<float> weightReference(c.weight);
-  CMatrix<float> weightFlat(c.weight);
-  if (aCoarserLayers > 0) {
-    reference.getLayer(1)->distanceFunction(weightReference);
-    flat.distanceFunction(weightFlat);
-    for (int i = 0; i < weightFlat.size(); i++)
-      ASSERT_TRUE(sameBits(weightReference.data()[i], weightFlat.data()[i])) << what << " weight " << i;
-  }
+  if (aCoarserLayers > 0) reference.getLayer(1)->distanceFunction(weightReference);
   const float alpha = aSeveralLabels ? (aSeed % 2 == 0 ? 1.0f : 0.9f) : (aSeed % 3 == 0 ? 0.0f : 0.3f);
   const float omega = aSeed % 4 == 0 ? 1.0f : 1.9f;
   solveSegmentation_SOR(reference, c.conf, c.sparse, weightReference, alpha, omega, 3);
-  flat.solve(c.conf, c.sparse, weightFlat, alpha, omega, 3);
-  expectSameDegrees(reference, flat, c.labels, what);
-  CTensor<float> image(c.width, c.height, c.labels);
-  flat.convertToImage(image);
-  for (int i = 0; i < image.size(); i++)
-    ASSERT_TRUE(sameBits(image.data()[i], reference.getLayer(0)->getSP()[i % (c.width * c.height)]->getValue(
-                                              i / (c.width * c.height))));
+  const int threadsBefore = omp_get_max_threads();
+  for (int bits : kVectorBits)
+    for (int threads : {1, 2}) {
+      CFlatHierarchy::limitVectorBits(bits);
+      omp_set_num_threads(threads);
+      const std::string run = what + ", " + std::to_string(threads) + " threads, " +
+                              std::to_string(CFlatHierarchy::vectorBits()) + " bits";
+      CFlatHierarchy flat(c.start, c.segs);
+      CMatrix<float> weightFlat(c.weight);
+      if (aCoarserLayers > 0) {
+        flat.distanceFunction(weightFlat);
+        for (int i = 0; i < weightFlat.size(); i++)
+          ASSERT_TRUE(sameBits(weightReference.data()[i], weightFlat.data()[i])) << run << " weight " << i;
+      }
+      flat.solve(c.conf, c.sparse, weightFlat, alpha, omega, 3);
+      expectSameDegrees(reference, flat, c.labels, run);
+      CTensor<float> image(c.width, c.height, c.labels);
+      flat.convertToImage(image);
+      for (int i = 0; i < image.size(); i++)
+        ASSERT_TRUE(sameBits(image.data()[i], reference.getLayer(0)->getSP()[i % (c.width * c.height)]->getValue(
+                                                  i / (c.width * c.height))))
+            << run;
+    }
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
+  omp_set_num_threads(threadsBefore);
 }
 
 }  // namespace
 
-// Every register width the processor has.
 TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
-  const int threadsBefore = omp_get_max_threads();
-  for (int bits : kVectorBits) {
-    CFlatHierarchy::limitVectorBits(bits);
-    for (unsigned seed = 1; seed <= 24; seed++)
-      for (int threads : {1, 2}) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0, threads);
-  }
-  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
-  omp_set_num_threads(threadsBefore);
+  for (unsigned seed = 1; seed <= 24; seed++) compareSolve(seed, static_cast<int>(seed % 4), seed % 2 == 0);
 }
 
 // A strong data term of several labels per pixel: projections of many rounds,
 // and up to three label chunks.
 TEST(FlatSolver, BitIdenticalWithSeveralLabelsPerPixel) {
-  const int threadsBefore = omp_get_max_threads();
-  for (int bits : kVectorBits) {
-    CFlatHierarchy::limitVectorBits(bits);
-    for (unsigned seed = 1; seed <= 12; seed++)
-      for (int threads : {1, 2}) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, true);
-  }
-  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
-  omp_set_num_threads(threadsBefore);
+  for (unsigned seed = 1; seed <= 12; seed++) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, true);
 }
 
 // Images on which every width runs its interior paths, not only the borders.
 TEST(FlatSolver, BitIdenticalOnImagesLargeEnoughForEveryWidth) {
-  const int threadsBefore = omp_get_max_threads();
-  for (int bits : kVectorBits) {
-    CFlatHierarchy::limitVectorBits(bits);
-    for (unsigned seed = 1; seed <= 4; seed++)
-      for (int threads : {1, 2})
-        compareSolve(200 + seed, static_cast<int>(seed % 4), seed % 2 == 0, threads, seed % 3 == 0, true);
-  }
-  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
-  omp_set_num_threads(threadsBefore);
+  for (unsigned seed = 1; seed <= 4; seed++)
+    compareSolve(200 + seed, static_cast<int>(seed % 4), seed % 2 == 0, seed % 3 == 0, true);
 }
 
 TEST(FlatSolver, ZeroIterationsLeaveTheStartingDegrees) {
