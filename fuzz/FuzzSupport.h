@@ -1,6 +1,8 @@
 // Shared set-up of the fuzzing harnesses.
 #pragma once
 
+#include <cstddef>
+#include <cstdlib>
 #include <iostream>
 #include <streambuf>
 
@@ -17,6 +19,15 @@ inline void silenceErrorStream() {
   };
   static CDiscard discard;
   std::cerr.rdbuf(&discard);
+}
+
+// Ends the run as a finding when a decoder returned an image that is not
+// whole: extents must be positive, with one or three layers of samples.
+inline void requireWholeImage(int aWidth, int aHeight, int aLayers, std::size_t aSamples) {
+  const bool layersValid = aLayers == 1 || aLayers == 3;
+  const std::size_t expected = static_cast<std::size_t>(aWidth) * static_cast<std::size_t>(aHeight) *
+                               static_cast<std::size_t>(aLayers);
+  if (aWidth <= 0 || aHeight <= 0 || !layersValid || aSamples != expected) std::abort();
 }
 
 }  // namespace NFuzz

@@ -18,12 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
   const std::vector<unsigned char> bytes(aData, aData + aSize);
   try {
     const NImageFile::CRaster image = NJpeg::decode(bytes, "fuzz input");
-    const bool layersValid = image.layers == 1 || image.layers == 3;
-    const bool depthValid = image.depth == 8 || image.depth == 16;
-    const size_t expected = static_cast<size_t>(image.width) * static_cast<size_t>(image.height) *
-                            static_cast<size_t>(image.layers);
-    if (image.width <= 0 || image.height <= 0 || !layersValid || !depthValid || image.samples.size() != expected)
-      std::abort();
+    NFuzz::requireWholeImage(image.width, image.height, image.layers, image.samples.size());
+    if (image.depth != 8 && image.depth != 16) std::abort();
   } catch (const EFileError&) {
   }
   return 0;

@@ -24,7 +24,7 @@ using NTest::CScratchDir;
 
 // A PNG of any kind written straight with libpng, so that the tool's own
 // writer (8-bit RGB only) is not the only source of test files.
-struct CPngSpec {
+struct CPngLayout {
   const char* name;
   int colourType;
   int depth;
@@ -47,35 +47,35 @@ png_color paletteColour(int i) {
 }
 
 // Writes aSamples (interleaved, one value per sample, rows top to bottom).
-void writePng(const std::string& aPath, const CPngSpec& aSpec, int aWidth, int aHeight,
+void writePng(const std::string& aPath, const CPngLayout& aLayout, int aWidth, int aHeight,
               const std::vector<unsigned>& aSamples) {
   FILE* file = std::fopen(aPath.c_str(), "wb");
   ASSERT_NE(file, nullptr);
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png_create_info_struct(png);
   png_init_io(png, file);
-  png_set_IHDR(png, info, aWidth, aHeight, aSpec.depth, aSpec.colourType,
-               aSpec.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+  png_set_IHDR(png, info, aWidth, aHeight, aLayout.depth, aLayout.colourType,
+               aLayout.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
                PNG_FILTER_TYPE_DEFAULT);
   std::vector<png_color> palette;
   for (int i = 0; i < 6; i++) palette.push_back(paletteColour(i));
-  if (aSpec.colourType == PNG_COLOR_TYPE_PALETTE) png_set_PLTE(png, info, palette.data(), 6);
+  if (aLayout.colourType == PNG_COLOR_TYPE_PALETTE) png_set_PLTE(png, info, palette.data(), 6);
   png_byte alphas[6] = {0, 10, 20, 30, 40, 50};
   png_color_16 transparent{};
-  if (aSpec.transparency) png_set_tRNS(png, info, alphas, 6, &transparent);
+  if (aLayout.transparency) png_set_tRNS(png, info, alphas, 6, &transparent);
   // Rows packed at the file's bit depth.
-  const size_t rowSamples = static_cast<size_t>(aWidth) * aSpec.channels;
-  const size_t rowBytes = (rowSamples * aSpec.depth + 7) / 8;
+  const size_t rowSamples = static_cast<size_t>(aWidth) * aLayout.channels;
+  const size_t rowBytes = (rowSamples * aLayout.depth + 7) / 8;
   std::vector<png_byte> bytes(rowBytes * aHeight, 0);
   for (size_t i = 0; i < aSamples.size(); i++) {
     png_byte* row = bytes.data() + (i / rowSamples) * rowBytes;
     const size_t s = i % rowSamples;
-    if (aSpec.depth == 16) {
+    if (aLayout.depth == 16) {
       row[2 * s] = static_cast<png_byte>(aSamples[i] >> 8);
       row[2 * s + 1] = static_cast<png_byte>(aSamples[i] & 0xff);
     } else {
-      const size_t bit = s * aSpec.depth;
-      row[bit / 8] |= static_cast<png_byte>(aSamples[i] << (8 - aSpec.depth - bit % 8));
+      const size_t bit = s * aLayout.depth;
+      row[bit / 8] |= static_cast<png_byte>(aSamples[i] << (8 - aLayout.depth - bit % 8));
     }
   }
   std::vector<png_bytep> rows;
@@ -149,23 +149,23 @@ protected:
 // Every PNG kind: 4 x 3 pixels whose samples all differ; the expected value of
 // each sample on the tool's 0..255 scale.
 struct CPngCase {
-  CPngSpec spec;
+  CPngLayout layout;
   int layers;  // of the decoded tensor
 };
 
 class PngKinds : public ImageFile, public testing::WithParamInterface<CPngCase> {};
 
 // The sample the fixture stores at index i, within the file's bit depth.
-unsigned fixtureSample(size_t i, const CPngSpec& aSpec) {
-  if (aSpec.colourType == PNG_COLOR_TYPE_PALETTE) return static_cast<unsigned>(i % 6) % (1u << aSpec.depth);
-  const unsigned maximum = (1u << aSpec.depth) - 1;
+unsigned fixtureSample(size_t i, const CPngLayout& aLayout) {
+  if (aLayout.colourType == PNG_COLOR_TYPE_PALETTE) return static_cast<unsigned>(i % 6) % (1u << aLayout.depth);
+  const unsigned maximum = (1u << aLayout.depth) - 1;
   return static_cast<unsigned>((i * 7919 + 13) % (maximum + 1));
 }
 
 // The value the decoder must give for sample value aSample of a file layer.
-float expectedValue(unsigned aSample, const CPngSpec& aSpec) {
-  if (aSpec.depth == 16) return static_cast<float>(aSample) * 255.0f / 65535.0f;
-  return static_cast<float>(aSample * (255 / ((1u << aSpec.depth) - 1)));
+float expectedValue(unsigned aSample, const CPngLayout& aLayout) {
+  if (aLayout.depth == 16) return static_cast<float>(aSample) * 255.0f / 65535.0f;
+  return static_cast<float>(aSample * (255 / ((1u << aLayout.depth) - 1)));
 }
 
 TEST_P(PngKinds, DecodeToGreyOrColourWithoutAlpha) {
@@ -173,10 +173,10 @@ TEST_P(PngKinds, DecodeToGreyOrColourWithoutAlpha) {
   const int width = 4;
   const int height = 3;
   std::vector<unsigned> samples;
-  for (size_t i = 0; i < static_cast<size_t>(width * height * c.spec.channels); i++)
-    samples.push_back(fixtureSample(i, c.spec));
+  for (size_t i = 0; i < static_cast<size_t>(width * height * c.layout.channels); i++)
+    samples.push_back(fixtureSample(i, c.layout));
   const std::string path = mDir.file("in.png");
-  writePng(path, c.spec, width, height, samples);
+  writePng(path, c.layout, width, height, samples);
 
   const CTensor<float> image = NImageFile::read(path, EContent::ExactColours);
   ASSERT_EQ(image.xSize(), width);
@@ -185,14 +185,14 @@ TEST_P(PngKinds, DecodeToGreyOrColourWithoutAlpha) {
   for (int y = 0; y < height; y++)
     for (int x = 0; x < width; x++)
       for (int z = 0; z < c.layers; z++) {
-        const int channel = c.spec.colourType == PNG_COLOR_TYPE_PALETTE ? 0 : z;
-        const unsigned sample = samples[static_cast<size_t>((y * width + x) * c.spec.channels + channel)];
-        float expected = expectedValue(sample, c.spec);
-        if (c.spec.colourType == PNG_COLOR_TYPE_PALETTE) {
+        const int channel = c.layout.colourType == PNG_COLOR_TYPE_PALETTE ? 0 : z;
+        const unsigned sample = samples[static_cast<size_t>((y * width + x) * c.layout.channels + channel)];
+        float expected = expectedValue(sample, c.layout);
+        if (c.layout.colourType == PNG_COLOR_TYPE_PALETTE) {
           const png_color colour = paletteColour(static_cast<int>(sample));
           expected = z == 0 ? colour.red : z == 1 ? colour.green : colour.blue;
         }
-        EXPECT_EQ(image(x, y, z), expected) << c.spec.name << " at " << x << "," << y << "," << z;
+        EXPECT_EQ(image(x, y, z), expected) << c.layout.name << " at " << x << "," << y << "," << z;
       }
 }
 
@@ -211,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(
                     CPngCase{{"paletteTransparent", PNG_COLOR_TYPE_PALETTE, 8, 1, false, true}, 3},
                     CPngCase{{"rgbInterlaced", PNG_COLOR_TYPE_RGB, 8, 3, true}, 3},
                     CPngCase{{"grey16Interlaced", PNG_COLOR_TYPE_GRAY, 16, 1, true}, 1}),
-    [](const testing::TestParamInfo<CPngCase>& aInfo) { return std::string(aInfo.param.spec.name); });
+    [](const testing::TestParamInfo<CPngCase>& aInfo) { return std::string(aInfo.param.layout.name); });
 
 TEST_F(ImageFile, SixteenBitSamplesScaleInFloat) {
   // 257 k is exactly k; the others are the float quotient, not rounded to whole numbers.
