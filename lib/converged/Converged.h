@@ -19,7 +19,7 @@ struct CConvergedParameters {
   // Weight of a pixel's link to its finest region at 320x240; it falls with
   // the square root of the pixel count so that it keeps its share against
   // region boundaries, whose length grows with the resolution.
-  float mPixelLink = 5.0f;
+  float mPixelLink = 1.5f;
   // A labelled pixel's link to its region weighs this many times a plain
   // pixel's, so that a few points decide a region their label has reached.
   float mSeedLink = 10.0f;
