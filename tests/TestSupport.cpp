@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include <gtest/gtest.h>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -59,6 +61,62 @@ CRunResult run(const std::string& aProgram, const std::vector<std::string>& aArg
   return result;
 }
 
+CTensor<float> sceneImage(int aWidth, int aHeight) {
+  CTensor<float> image(aWidth, aHeight, 3);
+  for (int y = 0; y < aHeight; y++)
+    for (int x = 0; x < aWidth; x++) {
+      const bool square = x >= aWidth / 3 && x < aWidth / 2 && y >= aHeight / 4 && y < aHeight / 2;
+      const bool left = x < aWidth / 2;
+      image(x, y, 0) = (square ? 40.0f : left ? 150.0f : 90.0f) + static_cast<float>((x * 7 + y * 3) % 5);
+      image(x, y, 1) = (square ? 200.0f : left ? 30.0f : 140.0f) + static_cast<float>((x * 5 + y * 11) % 7);
+      image(x, y, 2) = square ? 60.0f : left ? 40.0f : 220.0f;
+    }
+  return image;
+}
+
+CTensor<float> blockSegmentation(int aWidth, int aHeight, int aBlock) {
+  CTensor<float> seg(aWidth, aHeight, 3);
+  for (int y = 0; y < aHeight; y++)
+    for (int x = 0; x < aWidth; x++) {
+      const int id = (y / aBlock) * 64 + x / aBlock;
+      seg(x, y, 0) = static_cast<float>(id % 256);
+      seg(x, y, 1) = static_cast<float>((id * 37) % 256);
+      seg(x, y, 2) = static_cast<float>(aBlock * 10);
+    }
+  return seg;
+}
+
+CTensor<float> scribbles(int aWidth, int aHeight, const std::vector<std::vector<float>>& aColours) {
+  CTensor<float> labels(aWidth, aHeight, 3, 255.0f);
+  const int spots[4][2] = {{2, 2}, {aWidth - 3, aHeight - 3}, {aWidth * 5 / 12, aHeight / 3}, {aWidth - 3, 1}};
+  for (size_t l = 0; l < aColours.size(); l++)
+    for (int d = 0; d < 3; d++)
+      for (int z = 0; z < 3; z++) labels(spots[l][0] + (d == 1), spots[l][1] + (d == 2), z) = aColours[l][z];
+  return labels;
+}
+
+void writeScene(const std::string& aDir, int aWidth, int aHeight, int aSegs,
+                const std::vector<std::vector<float>>& aColours) {
+  sceneImage(aWidth, aHeight).writeToPPM((aDir + "/frame.ppm").c_str());
+  for (int k = 0; k < aSegs; k++)
+    blockSegmentation(aWidth, aHeight, 2 << k).writeToPPM((aDir + "/frame_seg" + std::to_string(k) + ".ppm").c_str());
+  scribbles(aWidth, aHeight, aColours).writeToPPM((aDir + "/labels.ppm").c_str());
+}
+
+std::string pixmap(int aWidth, int aHeight, char aSample, const std::string& aMagic, int aMaxval) {
+  const size_t samples = static_cast<size_t>(aWidth) * aHeight * (aMagic == "P5" ? 1 : 3);
+  return aMagic + "\n" + std::to_string(aWidth) + " " + std::to_string(aHeight) + "\n" + std::to_string(aMaxval) +
+         "\n" + std::string(samples, aSample);
+}
+
+std::string labelPixmap(int aWidth, int aHeight) {
+  std::string image = pixmap(aWidth, aHeight, '\xff');
+  const size_t pixels = image.size() - static_cast<size_t>(aWidth) * aHeight * 3;
+  image.replace(pixels + 3 * static_cast<size_t>(aWidth + 1), 3, 3, '\0');
+  image.replace(pixels + 3 * static_cast<size_t>((aHeight - 2) * aWidth + aWidth - 2) + 1, 2, 2, '\0');
+  return image;
+}
+
 CMatrix<float> matrix(int aXSize, int aYSize, const std::vector<float>& aValues) {
   CMatrix<float> m(aXSize, aYSize);
   for (int i = 0; i < m.size(); i++) m.data()[i] = aValues[static_cast<size_t>(i)];
@@ -99,6 +157,12 @@ std::vector<std::string> lines(const std::string& aText) {
   std::string line;
   while (std::getline(in, line)) result.push_back(line);
   return result;
+}
+
+std::string stderrOf(const std::function<void()>& aAction) {
+  testing::internal::CaptureStderr();
+  aAction();
+  return testing::internal::GetCapturedStderr();
 }
 
 }  // namespace NTest

@@ -19,25 +19,11 @@ namespace {
 
 using NTest::CRunResult;
 
-std::string pixmap(int aWidth, int aHeight, char aSample) {
-  return "P6\n" + std::to_string(aWidth) + " " + std::to_string(aHeight) + "\n255\n" +
-         std::string(static_cast<size_t>(aWidth) * aHeight * 3, aSample);
-}
-
-// White with a black pixel and a red one: two labels.
-std::string labelImage(int aWidth, int aHeight) {
-  std::string image = pixmap(aWidth, aHeight, '\xff');
-  const size_t start = image.size() - static_cast<size_t>(aWidth) * aHeight * 3;
-  image.replace(start, 3, 3, '\0');
-  image.replace(image.size() - 2, 2, 2, '\0');
-  return image;
-}
-
 // An image named aBase + ".ppm" with one segmentation and a label image.
 void writeScene(const NTest::CScratchDir& aDir, const std::string& aBase, int aWidth, int aHeight) {
-  NTest::writeFile(aDir.file(aBase + ".ppm"), pixmap(aWidth, aHeight, '`'));
-  NTest::writeFile(aDir.file(aBase + "_seg0.ppm"), pixmap(aWidth, aHeight, 'a'));
-  NTest::writeFile(aDir.file("lab.ppm"), labelImage(aWidth, aHeight));
+  NTest::writeFile(aDir.file(aBase + ".ppm"), NTest::pixmap(aWidth, aHeight, '`'));
+  NTest::writeFile(aDir.file(aBase + "_seg0.ppm"), NTest::pixmap(aWidth, aHeight, 'a'));
+  NTest::writeFile(aDir.file("lab.ppm"), NTest::labelPixmap(aWidth, aHeight));
 }
 
 // Starts aProgram in aWorkDir with its output thrown away, or, with
@@ -157,7 +143,6 @@ TEST(Process, InterruptedWritesLeaveNoTemporaryFile) {
     }
   }
   EXPECT_GT(catches, 0);
-
 }
 
 TEST(Process, ResultNamesUpToTheFileSystemsLimitAreWritten) {
@@ -169,7 +154,7 @@ TEST(Process, ResultNamesUpToTheFileSystemsLimitAreWritten) {
   const CRunResult labelled = NTest::run(TARNWICK_EXE, {labelBase + ".ppm", "1", "lab.ppm"}, dir.path());
   EXPECT_EQ(labelled.status, 0) << labelled.err;
   EXPECT_TRUE(NTest::fileExists(dir.file("TarnwickResults/" + labelBase + "_dense_soft.ppm")));
-  NTest::writeFile(dir.file(segmentBase + ".ppm"), pixmap(24, 16, '`'));
+  NTest::writeFile(dir.file(segmentBase + ".ppm"), NTest::pixmap(24, 16, '`'));
   const CRunResult segmented = NTest::run(TARNWICK_SEGMENT_EXE, {segmentBase + ".ppm", "1"}, dir.path());
   EXPECT_EQ(segmented.status, 0) << segmented.err;
   EXPECT_TRUE(NTest::fileExists(dir.file(segmentBase + "_seg0.ppm")));
