@@ -148,6 +148,9 @@ TEST_F(TrackReader, PaintsThePointsOfTheSelectedFrame) {
 TEST_F(TrackReader, MalformedFilesAndOutsidePointsRaiseAFileErrorSayingWhere) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "expected the header value and the track count"},
+      {"0 -1\n", "negative track count"},
+      {"0 3\n3 1\n2 3 7\n", "track 2 of 3: expected label"},
+      {"0 1\n-1 1\n2 2 0\n", "track 1 of 1: label -1 outside 0 to 255"},
       {"0 1\n256 1\n2 2 0\n", "track 1 of 1: label 256 outside 0 to 255"},
       {"0 1\n3 -4\n", "track 1 of 1: negative length -4"},
       {"0 2\n0 1\n1 1 0\n1 3\n1 1 0\n2 x 0\n", "track 2 of 2: expected x, y and frame of point 2 of 3"},
