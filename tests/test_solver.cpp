@@ -1,4 +1,6 @@
-// The node-by-node solver on hierarchies small enough to follow by hand.
+// The node-by-node solver on hierarchies small enough to follow by hand. Its
+// clamping and its coarser layers are compared bit for bit with the flat
+// solver in test_flat.cpp.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -71,33 +73,4 @@ TEST(Solver, GaussSeidelReadsTheNewDegreesOfEarlierNodes) {
     EXPECT_EQ(degree(h, 0, node, 0), 0.0f);
     EXPECT_NEAR(degree(h, 0, node, 1), 1.0f, 1e-6f);
   }
-}
-
-// Over-relaxation overshoots: 1.9 applied to a jump from 0 to 1 would give
-// 1.9, which the clamp cuts back to 1; the other label would fall to -0.9 and
-// is cut to 0.
-TEST(Solver, OverRelaxedStepsAreClampedToTheUnitInterval) {
-  CTiny t = column(2, {{0.0f, 1.0f}, {1.0f, 0.0f}});
-  t.conf(0, 1) = 1.0f;
-  t.sparse(0, 1, 0) = 1.0f;
-  CHierarchy h(t.start, t.segs);
-  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 0.5f, 1.9f, 1);
-  for (int node = 0; node < 2; node++)
-    for (int k = 0; k < 2; k++) {
-      EXPECT_GE(degree(h, 0, node, k), 0.0f);
-      EXPECT_LE(degree(h, 0, node, k), 1.0f);
-    }
-  EXPECT_EQ(degree(h, 0, 1, 0), 1.0f);
-}
-
-// A superpixel above both pixels is relaxed after them in every label pass
-// and pulls toward their mean; the pixels see its degrees of the pass before.
-TEST(Solver, CoarserLayersFollowTheirChildren) {
-  CTiny t = column(2, {{1.0f, 0.0f}, {1.0f, 0.0f}});
-  t.segs.push_back(CTensor<float>(1, 2, 3, 7.0f));  // one region
-  CHierarchy h(t.start, t.segs);
-  EXPECT_EQ(degree(h, 1, 0, 0), 0.5f);  // starts uniform
-  solveSegmentation_SOR(h, t.conf, t.sparse, t.weight, 0.0f, 1.0f, 1);
-  EXPECT_GT(degree(h, 1, 0, 0), 0.99f);
-  EXPECT_GT(degree(h, 0, 0, 0), 0.9f);
 }
