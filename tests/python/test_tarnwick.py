@@ -59,45 +59,43 @@ def demo():
     return image, scribbles, segmentations
 
 
-def run_tarnwick(folder, image, k, labels, alpha):
-    subprocess.run([TARNWICK, image, str(k), labels, "0", alpha, "0", f"{folder}/"], check=True,
-                   capture_output=True)
-    name = os.path.splitext(os.path.basename(image))[0]
-    results = os.path.join(folder, "TarnwickResults", name)
+def run_tarnwick(folder, k, alpha, *options):
+    """The soft and the hard result file of the command-line tool on the demo."""
+    subprocess.run([TARNWICK, os.path.join(EXAMPLES, "demo.ppm"), str(k), "demo_labels.ppm", "0", alpha, "0",
+                    f"{folder}/", *options], check=True, capture_output=True)
+    results = os.path.join(folder, "TarnwickResults", "demo")
     return read_pnm(results + "_dense_soft.ppm"), read_pnm(results + "_dense.ppm")
 
 
-@pytest.mark.parametrize("k,alpha", [(0, "0.3"), (1, "0.7"), (3, "0.3"), (3, "0")])
-def test_label_paints_the_command_line_files(demo, tmp_path, k, alpha):
+@pytest.mark.parametrize("k,alpha,converged", [(0, "0.3", False), (1, "0.7", False), (3, "0.3", False),
+                                               (3, "0", False), (3, "0.3", True)])
+def test_label_paints_the_command_line_files(demo, tmp_path, k, alpha, converged):
     image, scribbles, segmentations = demo
-    soft_file, hard_file = run_tarnwick(tmp_path, os.path.join(EXAMPLES, "demo.ppm"), k, "demo_labels.ppm", alpha)
-    soft, hard = tarnwick.label(image, scribbles, segmentations[:k], alpha=float(alpha))
+    soft_file, hard_file = run_tarnwick(tmp_path, k, alpha, *(["--converged"] if converged else []))
+    soft, hard = tarnwick.label(image, scribbles, segmentations[:k], alpha=float(alpha), converged=converged)
     assert soft.shape == image.shape[:2] + (5,) and soft.dtype == np.float32
     assert hard.shape == image.shape[:2] and hard.dtype == np.int32
     colours = tarnwick.label_colours(scribbles)
     assert same_bits(tarnwick.colourize(soft, colours), soft_file)
     assert same_bits(tarnwick.colourize(hard, colours), hard_file)
     assert np.array_equal(hard, np.argmax(soft, axis=2))
+    if converged:
+        assert not same_bits(soft, tarnwick.label(image, scribbles, segmentations[:k], alpha=float(alpha))[0])
 
 
-def test_converged_mode_paints_the_command_line_files(demo, tmp_path):
+def test_equivalent_inputs_give_the_same_bits(demo):
+    """Label numbers for label colours, other region numbers and memory layouts, a grey image for its grey repeated."""
     image, scribbles, segmentations = demo
-    subprocess.run([TARNWICK, os.path.join(EXAMPLES, "demo.ppm"), "3", "demo_labels.ppm", "0", "0.3", "0", "--converged",
-                    f"{tmp_path}/"], check=True, capture_output=True)
-    results = os.path.join(tmp_path, "TarnwickResults", "demo")
-    soft, hard = tarnwick.label(image, scribbles, segmentations, converged=True)
-    colours = tarnwick.label_colours(scribbles)
-    assert same_bits(tarnwick.colourize(soft, colours), read_pnm(results + "_dense_soft.ppm"))
-    assert same_bits(tarnwick.colourize(hard, colours), read_pnm(results + "_dense.ppm"))
-    assert not same_bits(soft, tarnwick.label(image, scribbles, segmentations)[0])
-
-
-def test_label_numbers_give_the_same_degrees_as_label_colours(demo):
-    image, scribbles, segmentations = demo
-    by_colour = tarnwick.label(image, scribbles, segmentations)
-    by_number = tarnwick.label(image, numbered(scribbles), segmentations)
-    for a, b in zip(by_colour, by_number):
-        assert same_bits(a, b)
+    maps = tarnwick.segment(image, 2, regions=[120, 30])
+    renamed = tuple(7 * m.astype(np.int64) - 1000 for m in maps)
+    strided = np.ascontiguousarray(np.repeat(scribbles, 2, axis=1))[:, ::2]
+    grey = image[:, :, 1].copy()
+    cases = [((image, scribbles, segmentations), (image, numbered(scribbles), segmentations)),
+             ((image, scribbles, maps), (np.asfortranarray(image), strided, renamed)),
+             ((np.dstack([grey] * 3), numbered(scribbles)), (grey, numbered(scribbles)))]
+    for expected, equivalent in cases:
+        for a, b in zip(tarnwick.label(*expected), tarnwick.label(*equivalent)):
+            assert same_bits(a, b)
 
 
 def test_segment_makes_the_regions_of_the_segment_tool(demo, tmp_path):
@@ -128,24 +126,6 @@ def test_segment_default_counts_and_no_levels(demo):
     assert tarnwick.segment(image, 0) == []
     (finest,) = tarnwick.segment(image, 1)
     assert finest.max() + 1 <= image.shape[0] * image.shape[1] // 500
-
-
-def test_region_numbers_and_layouts_do_not_matter(demo):
-    image, scribbles, segmentations = demo
-    maps = tarnwick.segment(image, 2, regions=[120, 30])
-    expected = tarnwick.label(image, scribbles, maps)
-    renamed = [7 * m.astype(np.int64) - 1000 for m in maps]
-    fortran = np.asfortranarray(image)
-    strided = np.ascontiguousarray(np.repeat(scribbles, 2, axis=1))[:, ::2]
-    for a, b in zip(tarnwick.label(fortran, strided, tuple(renamed)), expected):
-        assert same_bits(a, b)
-
-
-def test_a_grey_image_is_its_grey_repeated(demo):
-    grey = demo[0][:, :, 1].copy()
-    labels = numbered(demo[1])
-    for a, b in zip(tarnwick.label(grey, labels), tarnwick.label(np.dstack([grey] * 3), labels)):
-        assert same_bits(a, b)
 
 
 def test_calls_in_parallel_threads_give_the_sequential_results(demo):
