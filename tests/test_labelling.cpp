@@ -57,6 +57,7 @@ TEST(Labelling, InMemoryRunsGiveTheCommandLineFiles) {
         TARNWICK_EXE, {kExamples + "demo.ppm", std::to_string(segmentations), "demo_labels.ppm", "0", "0.3", "0",
                        dir.path() + "/"});
     ASSERT_EQ(cli.status, 0) << cli.err;
+    EXPECT_EQ(cli.err, "");  // no cost warning for an ordinary hierarchy
     const std::string results = dir.file("TarnwickResults/");
     std::vector<CVector<int>> colours;
     const NDriver::CLabellingInput problem = demoProblem(segmentations, colours);

@@ -123,17 +123,6 @@ TEST(LevelCost, CostlyHierarchiesAreAnnouncedBeforeTheWait) {
   }
 }
 
-TEST(LevelCost, OrdinaryHierarchiesRunWithoutWarning) {
-  NTest::CScratchDir dir;
-  writeFlatScene(dir);
-  for (int k = 1; k < 3; k++)
-    NTest::writeFile(dir.file("scene_seg" + std::to_string(k) + ".ppm"),
-                     NTest::readFile(std::string(TARNWICK_SOURCE_DIR) + "/examples/demo_seg" + std::to_string(k) + ".ppm"));
-  const NTest::CRunResult result = NTest::run(TARNWICK_EXE, {"scene.ppm", "3", "labels.ppm"}, dir.path());
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "");
-}
-
 TEST(LevelCost, HierarchiesBeyondTheMemoryAreRefused) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "the address sanitizer needs more address space than the limit leaves";
