@@ -15,28 +15,6 @@ TARNWICK = os.environ["TARNWICK_EXE"]
 SEGMENT = os.environ["TARNWICK_SEGMENT_EXE"]
 
 
-def read_pnm(path):
-    """A binary pixmap (P5 or P6, maxval 255) as an HxW or HxWx3 uint8 array."""
-    with open(path, "rb") as f:
-        data = f.read()
-    tokens, pos = [], 0
-    while len(tokens) < 4:
-        if data[pos:pos + 1] == b"#":
-            pos = data.index(b"\n", pos)
-        elif data[pos:pos + 1].isspace():
-            pos += 1
-        else:
-            end = pos
-            while not data[end:end + 1].isspace():
-                end += 1
-            tokens.append(data[pos:end])
-            pos = end
-    width, height = int(tokens[1]), int(tokens[2])
-    layers = 3 if tokens[0] == b"P6" else 1
-    pixels = np.frombuffer(data[pos + 1:pos + 1 + width * height * layers], np.uint8)
-    return pixels.reshape((height, width, 3) if layers == 3 else (height, width))
-
-
 def same_bits(a, b):
     return a.shape == b.shape and a.dtype == b.dtype and a.tobytes() == b.tobytes()
 
@@ -53,9 +31,9 @@ def numbered(scribbles):
 
 @pytest.fixture(scope="module")
 def demo():
-    image = read_pnm(os.path.join(EXAMPLES, "demo.ppm"))
-    scribbles = read_pnm(os.path.join(EXAMPLES, "demo_labels.ppm"))
-    segmentations = [read_pnm(os.path.join(EXAMPLES, f"demo_seg{k}.ppm")) for k in range(3)]
+    image = tarnwick.read_image(os.path.join(EXAMPLES, "demo.ppm"))
+    scribbles = tarnwick.read_image(os.path.join(EXAMPLES, "demo_labels.ppm"))
+    segmentations = [tarnwick.read_image(os.path.join(EXAMPLES, f"demo_seg{k}.ppm")) for k in range(3)]
     return image, scribbles, segmentations
 
 
@@ -64,7 +42,7 @@ def run_tarnwick(folder, k, alpha, *options):
     subprocess.run([TARNWICK, os.path.join(EXAMPLES, "demo.ppm"), str(k), "demo_labels.ppm", "0", alpha, "0",
                     f"{folder}/", *options], check=True, capture_output=True)
     results = os.path.join(folder, "TarnwickResults", "demo")
-    return read_pnm(results + "_dense_soft.ppm"), read_pnm(results + "_dense.ppm")
+    return tarnwick.read_image(results + "_dense_soft.ppm"), tarnwick.read_image(results + "_dense.ppm")
 
 
 @pytest.mark.parametrize("k,alpha,converged", [(0, "0.3", False), (1, "0.7", False), (3, "0.3", False),
@@ -102,7 +80,7 @@ def test_segment_makes_the_regions_of_the_segment_tool(demo, tmp_path):
     image = demo[0]
     shutil.copy(os.path.join(EXAMPLES, "demo.ppm"), tmp_path / "frame.ppm")
     subprocess.run([SEGMENT, str(tmp_path / "frame.ppm"), "3", "-r", "300,80,20"], check=True, capture_output=True)
-    files = [read_pnm(tmp_path / f"frame_seg{k}.ppm") for k in range(3)]
+    files = [tarnwick.read_image(str(tmp_path / f"frame_seg{k}.ppm")) for k in range(3)]
     maps = tarnwick.segment(image, 3, regions=[300, 80, 20])
     assert len(maps) == 3
     for level, (regions, painted) in enumerate(zip(maps, files)):
@@ -148,7 +126,8 @@ def test_calls_in_parallel_threads_give_the_sequential_results(demo):
 
 def test_images_read_and_written_as_the_command_line_does(demo, tmp_path):
     image = demo[0]
-    assert same_bits(tarnwick.read_image(os.path.join(EXAMPLES, "demo.ppm")), image)
+    with open(os.path.join(EXAMPLES, "demo.ppm"), "rb") as f:
+        assert f.read().endswith(image.tobytes())
     tarnwick.write_image(str(tmp_path / "grey.ppm"), image[:, :, 0])
     assert same_bits(tarnwick.read_image(str(tmp_path / "grey.ppm")), np.dstack([image[:, :, 0]] * 3))
     tarnwick.write_image(str(tmp_path / "image.png"), image)
