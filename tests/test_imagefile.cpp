@@ -86,19 +86,6 @@ void writePng(const std::string& aPath, const CPngLayout& aLayout, int aWidth, i
   ASSERT_TRUE(written);
 }
 
-bool compressJpeg(jpeg_compress_struct& aInfo, const std::vector<unsigned char>& aPixels, int aQuality) {
-  jpeg_set_defaults(&aInfo);
-  jpeg_set_quality(&aInfo, aQuality, TRUE);
-  jpeg_start_compress(&aInfo, TRUE);
-  const size_t rowBytes = static_cast<size_t>(aInfo.image_width) * aInfo.input_components;
-  while (aInfo.next_scanline < aInfo.image_height) {
-    JSAMPROW row = const_cast<unsigned char*>(aPixels.data()) + aInfo.next_scanline * rowBytes;
-    jpeg_write_scanlines(&aInfo, &row, 1);
-  }
-  jpeg_finish_compress(&aInfo);
-  return true;
-}
-
 // A JPEG of interleaved 8-bit samples (one layer grey, three RGB).
 std::string jpegBytes(int aWidth, int aHeight, int aLayers, const std::vector<unsigned char>& aPixels) {
   jpeg_compress_struct info{};
@@ -112,7 +99,15 @@ std::string jpegBytes(int aWidth, int aHeight, int aLayers, const std::vector<un
   info.image_height = aHeight;
   info.input_components = aLayers;
   info.in_color_space = aLayers == 1 ? JCS_GRAYSCALE : JCS_RGB;
-  compressJpeg(info, aPixels, 95);
+  jpeg_set_defaults(&info);
+  jpeg_set_quality(&info, 95, TRUE);
+  jpeg_start_compress(&info, TRUE);
+  const size_t rowBytes = static_cast<size_t>(aWidth) * aLayers;
+  while (info.next_scanline < info.image_height) {
+    JSAMPROW row = const_cast<unsigned char*>(aPixels.data()) + info.next_scanline * rowBytes;
+    jpeg_write_scanlines(&info, &row, 1);
+  }
+  jpeg_finish_compress(&info);
   jpeg_destroy_compress(&info);
   std::string bytes(reinterpret_cast<char*>(buffer), size);
   std::free(buffer);
