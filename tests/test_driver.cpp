@@ -86,15 +86,6 @@ TEST(DriverArguments, TrackFileErrorsExitWithStatusZero) {
   EXPECT_TRUE(NTest::listDir(dir.path()).empty());
 }
 
-TEST(DriverArguments, ImageNameWithoutEndingFailsCleanly) {
-  CScratchDir dir;
-  const CRunResult result = runTool({"data.set/img", "1", "lab.ppm"}, dir.path());
-  EXPECT_EQ(result.signal, 0);
-  EXPECT_NE(result.status, 0);
-  EXPECT_NE(result.err.find("basic_string::erase"), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find("data.set/img"), std::string::npos) << result.err;
-}
-
 TEST(DriverRun, TranscriptAndFilesOfModeZero) {
   CScratchDir dir;
   NTest::writeScene(dir.path(), 24, 16, 2, kThreeColours);

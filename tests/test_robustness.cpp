@@ -162,6 +162,7 @@ TEST(Robustness, BadArgumentsAreRejected) {
       {{"img.ppm", "1", "lab.ppm", "0", "nan"}, "argument 5: alpha 'nan'", "must be a number from 0"},
       {{"img.ppm", "1", "lab.ppm", "0", "inf"}, "argument 5: alpha 'inf'", "must be a number from 0"},
       {{"", "1", "lab.ppm"}, "argument 1", "no ending"},
+      {{"data.set/img", "1", "lab.ppm"}, "argument 1: the image name 'data.set/img'", "no ending such as .ppm (basic_string::erase)"},
       // Segmentations are read one by one: a huge count fails at the first missing one.
       {{"img.ppm", "1000000000", "lab.ppm"}, "./img_seg1.ppm", "File not found: "},
       {{"img.ppm", "1", ""}, "./", "is a directory"},
@@ -198,42 +199,36 @@ TEST(Robustness, UnwritableResultsFolderIsRejectedBeforeReading) {
   EXPECT_EQ(result.out.find("load input file"), std::string::npos);
 }
 
-TEST(Robustness, DocumentedConversionsAreAccepted) {
+// Runs that succeed: the documented conversions without a word, arguments
+// that are no numbers read as before with a warning.
+TEST(Robustness, AcceptedInputsAndArguments) {
   const std::string grey = NTest::pixmap(kWidth, kHeight, '`', "P5");
-  const std::pair<std::string, std::string> cases[] = {
-      {"img.ppm", grey}, {"img_seg0.ppm", grey}, {"lab.ppm", grey}, {"tracks.dat", "0 1\n255 1\n23.9 15.9 7\n"}};
-  for (const auto& [file, contents] : cases) {
-    SCOPED_TRACE(file);
-    CScene scene;
-    NTest::writeFile(scene.dir.file(file), contents);
-    const CRunResult result = scene.run(file == "tracks.dat" ? kTrackRun : kLabelRun);
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.err, "");
-    EXPECT_EQ(NTest::listDir(scene.results()),
-              (std::vector<std::string>{"img_dense.ppm", "img_dense_soft.ppm", "img_initialLabels.ppm"}));
-  }
-}
-
-TEST(Robustness, ArgumentsThatAreNoNumbersAreReadAsBeforeWithAWarning) {
+  const std::string frames = "0 1\n3 3\n2 3 0\n4 5 7\n6 7 2147483647\n";  // a point in each frame selected
   const struct {
+    const char* file;
+    std::string contents;
     std::vector<std::string> args;
-    const char* warning;
+    std::string warning;
   } cases[] = {
-      {{"img.ppm", "1", "tracks.dat", "frame_7"}, "argument 4: frame number 'frame_7' is not a number; using 0"},
-      {{"img.ppm", "1", "tracks.dat", "7th"}, "argument 4: frame number '7th' is not a number; using 7"},
-      {{"img.ppm", "1", "tracks.dat", "1e10"}, "argument 4: frame number '1e10' is beyond the int range; using 2147483647"},
-      {{"img.ppm", "1", "lab.ppm", "0", "abc"}, "argument 5: alpha 'abc' is not a number; using 0"},
-      {{"img.ppm", "1", "lab.ppm", "0", "0.5x"}, "argument 5: alpha '0.5x' is not a number; using 0.5"},
-      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "abc"}, "argument 6: output mode 'abc' is not a number; using 0"},
-      {{"img.ppm", "1", "lab.ppm", "0", "0.3", "1e12"}, "argument 6: output mode '1e12' is beyond the int range; using 2147483647"},
+      {"img.ppm", grey, kLabelRun, ""},
+      {"img_seg0.ppm", grey, kLabelRun, ""},
+      {"lab.ppm", grey, kLabelRun, ""},
+      {"tracks.dat", "0 1\n255 1\n23.9 15.9 7\n", kTrackRun, ""},
+      {"tracks.dat", frames, {"img.ppm", "1", "tracks.dat", "frame_7"}, "argument 4: frame number 'frame_7' is not a number; using 0"},
+      {"tracks.dat", frames, {"img.ppm", "1", "tracks.dat", "7th"}, "argument 4: frame number '7th' is not a number; using 7"},
+      {"tracks.dat", frames, {"img.ppm", "1", "tracks.dat", "1e10"}, "argument 4: frame number '1e10' is beyond the int range; using 2147483647"},
+      {"tracks.dat", frames, {"img.ppm", "1", "lab.ppm", "0", "abc"}, "argument 5: alpha 'abc' is not a number; using 0"},
+      {"tracks.dat", frames, {"img.ppm", "1", "lab.ppm", "0", "0.5x"}, "argument 5: alpha '0.5x' is not a number; using 0.5"},
+      {"tracks.dat", frames, {"img.ppm", "1", "lab.ppm", "0", "0.3", "abc"}, "argument 6: output mode 'abc' is not a number; using 0"},
+      {"tracks.dat", frames, {"img.ppm", "1", "lab.ppm", "0", "0.3", "1e12"}, "argument 6: output mode '1e12' is beyond the int range; using 2147483647"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.warning);
+    SCOPED_TRACE(std::string(c.file) + " " + c.warning);
     CScene scene;
-    // A point in each frame the cases select.
-    NTest::writeFile(scene.dir.file("tracks.dat"), "0 1\n3 3\n2 3 0\n4 5 7\n6 7 2147483647\n");
+    NTest::writeFile(scene.dir.file(c.file), c.contents);
     const CRunResult result = scene.run(c.args);
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.err, "Warning: " + std::string(c.warning) + "\n");
+    EXPECT_EQ(result.err, c.warning.empty() ? "" : "Warning: " + c.warning + "\n");
+    EXPECT_TRUE(NTest::fileExists(scene.results() + "/img_dense.ppm"));
   }
 }
