@@ -39,18 +39,6 @@ TEST(Superpixel, RemovingANeighbourKeepsTheListsParallel) {
   EXPECT_EQ(node.getConstDiffusivityNeighbour(1), 32.0f);
 }
 
-TEST(SuperpixelLayer, TheRelaxationFactorFollowsTheLastSizedLayer) {
-  mDistRelaxationFac = -1.0f;
-  const CSuperpixelLayer unsized;
-  EXPECT_EQ(mDistRelaxationFac, -1.0f);
-  const CSuperpixelLayer large(640, 480);
-  EXPECT_EQ(mDistRelaxationFac, 128.0f);
-  // 0.2 * 9 in double rounds to 1.79999995f; in float it would be 1.80000007f.
-  const CSuperpixelLayer tall(4, 9);
-  EXPECT_EQ(mDistRelaxationFac, static_cast<float>(0.2 * 9));
-  EXPECT_NE(mDistRelaxationFac, 0.2f * 9.0f);
-}
-
 TEST(SuperpixelLayer, NormalizeProjectsOntoTheSimplex) {
   struct Case {
     CVector<float> in;
