@@ -91,6 +91,7 @@ TEST(DriverRun, TranscriptAndFilesOfModeZero) {
   NTest::writeScene(dir.path(), 24, 16, 2, kThreeColours);
   const CRunResult result = runTool({"frame.ppm", "2", "labels.ppm"}, dir.path());
   ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "");
   const std::vector<std::string> lines = NTest::lines(result.out);
   const std::vector<std::string> expected = {
       "",

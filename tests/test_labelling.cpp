@@ -1,5 +1,6 @@
 // The labelling pipeline on tensors in memory, as the command line and the
-// Python module run it.
+// Python module run it. Its results against the command line's files are
+// checked by the Python tests and, for both solver paths, by test_flat.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -34,46 +35,12 @@ NDriver::CLabellingInput demoProblem(int aSegmentations, std::vector<CVector<int
   return problem;
 }
 
-std::string rendered(const CTensor<float>& aDegrees, const std::vector<CVector<int>>& aColours,
-                     const std::string& aPath) {
-  CTensor<float> canvas(aDegrees.xSize(), aDegrees.ySize(), 3, 255.0f);
-  CUtility::plotOverlayColor(canvas, aDegrees, aColours, 1.0f);
-  canvas.writeToPPM(aPath.c_str());
-  return NTest::readFile(aPath);
-}
-
 bool sameBits(const CTensor<float>& aA, const CTensor<float>& aB) {
   return aA.xSize() == aB.xSize() && aA.ySize() == aB.ySize() && aA.zSize() == aB.zSize() &&
          std::memcmp(aA.data(), aB.data(), sizeof(float) * aA.size()) == 0;
 }
 
 }  // namespace
-
-// Both solver paths in memory render to the command line's files, byte for byte.
-TEST(Labelling, InMemoryRunsGiveTheCommandLineFiles) {
-  for (int segmentations : {0, 3}) {
-    NTest::CScratchDir dir;
-    const NTest::CRunResult cli = NTest::run(
-        TARNWICK_EXE, {kExamples + "demo.ppm", std::to_string(segmentations), "demo_labels.ppm", "0", "0.3", "0",
-                       dir.path() + "/"});
-    ASSERT_EQ(cli.status, 0) << cli.err;
-    EXPECT_EQ(cli.err, "");  // no cost warning for an ordinary hierarchy
-    const std::string results = dir.file("TarnwickResults/");
-    std::vector<CVector<int>> colours;
-    const NDriver::CLabellingInput problem = demoProblem(segmentations, colours);
-    for (NDriver::ESolverPath path : {NDriver::ESolverPath::Fast, NDriver::ESolverPath::Reference}) {
-      NDriver::CLabellingSettings settings;
-      settings.path = path;
-      const CTensor<float> soft = NDriver::solveLabelling(problem, settings);
-      ASSERT_EQ(soft.zSize(), 5);
-      EXPECT_EQ(rendered(soft, colours, dir.file("soft.ppm")), NTest::readFile(results + "demo_dense_soft.ppm"))
-          << segmentations << " segmentations";
-      EXPECT_EQ(rendered(NDriver::hardLabelling(soft), colours, dir.file("hard.ppm")),
-                NTest::readFile(results + "demo_dense.ppm"))
-          << segmentations << " segmentations";
-    }
-  }
-}
 
 // A run in between, with other labels, extents and alpha, leaves no trace.
 TEST(Labelling, CallsShareNoState) {

@@ -39,8 +39,9 @@ def demo():
 
 def run_tarnwick(folder, k, alpha, *options):
     """The soft and the hard result file of the command-line tool on the demo."""
-    subprocess.run([TARNWICK, os.path.join(EXAMPLES, "demo.ppm"), str(k), "demo_labels.ppm", "0", alpha, "0",
-                    f"{folder}/", *options], check=True, capture_output=True)
+    run = subprocess.run([TARNWICK, os.path.join(EXAMPLES, "demo.ppm"), str(k), "demo_labels.ppm", "0", alpha, "0",
+                          f"{folder}/", *options], check=True, capture_output=True)
+    assert run.stderr == b"", "no cost warning for an ordinary hierarchy"
     results = os.path.join(folder, "TarnwickResults", "demo")
     return tarnwick.read_image(results + "_dense_soft.ppm"), tarnwick.read_image(results + "_dense.ppm")
 
