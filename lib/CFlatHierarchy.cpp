@@ -75,7 +75,7 @@ size_t bytesOf(const std::vector<T>&... aVectors) {
 }  // namespace
 
 size_t CFlatHierarchy::bytes() const {
-  size_t total = bytesOf(mValues, mConstX, mConstY, mVarX, mVarY, mPixelWeights, mDataWeight, mRhs);
+  size_t total = bytesOf(mValues, mConstX, mConstY, mVarX, mVarY, mPixelWeights, mDataWeight, mRhs, mRhsQuad);
   for (const CLayer& l : mLayers)
     total += bytesOf(l.x, l.y, l.firstLeaf, l.parent, l.parentConst, l.parentVar, l.childStart, l.child, l.childConst,
                      l.nbrStart, l.nbr, l.nbrDist, l.nbrConst, l.nbrPair, l.pairNodes, l.pairVar, l.md,

@@ -164,7 +164,12 @@ private:
   // What a pixel update reads of its own, four floats per pixel: the weight
   // products of the edges to the right, below and to the parent, and omega / md.
   std::vector<float> mPixelWeights;
-  // Per pixel and solve: alpha * data weight * data-term flag, and rhs per label chunk.
-  std::vector<float> mDataWeight, mRhs;
+  // Per pixel and solve: alpha * data weight * data-term flag.
+  std::vector<float> mDataWeight;
+  // The data term per chunk, quads of the pixels that have one after a quad
+  // of zeros (mRhsStride floats a chunk), and each pixel's quad.
+  std::vector<float> mRhs;
+  size_t mRhsStride = 0;
+  std::vector<unsigned> mRhsQuad;
   CPhaseTimes mPhaseTimes;
 };

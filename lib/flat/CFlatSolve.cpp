@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "CFlatHierarchy.h"
+#include "SameBits.h"
 #include "SolverRules.h"
 #include "flat/CYieldingBarrier.h"
 #include "flat/FlatKernels.h"
@@ -57,20 +58,35 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
                            float aAlpha, float aOmega, int maxiter) {
   const int width = mXSize;
   const int n = width * mYSize;
-  // Data term: constant for the whole solve.
+  // Data term: constant for the whole solve, and +0 for every label of most
+  // pixels. Those pixels share one quad of zeros; the others get a quad per
+  // chunk of their own (also when some of it is -0 or 0 * infinity).
+  auto rhsOf = [&](int i, int k) {
+    const int x = i % width;
+    const int y = i / width;
+    const float c = aConf(x, y) == 1.0f ? 1.0f : 0.0f;
+    return aWeight(x, y) * aAlpha * c * aLabels(x, y, k);
+  };
   mDataWeight.resize(n);
-  mRhs.assign(static_cast<size_t>(mChunks) * n * 4, 0.0f);
+  mRhsQuad.assign(n, 0);
 #pragma omp parallel for schedule(static)
   for (int i = 0; i < n; i++) {
     const int x = i % width;
     const int y = i / width;
     const float c = aConf(x, y) == 1.0f ? 1.0f : 0.0f;
-    const float w = aWeight(x, y);
-    mDataWeight[i] = aAlpha * w * c;
+    mDataWeight[i] = aAlpha * aWeight(x, y) * c;
     for (int k = 0; k < mLabels; k++)
-      mRhs[static_cast<size_t>(k / mLanes) * n * 4 + static_cast<size_t>(i) * 4 + k % mLanes] =
-          w * aAlpha * c * aLabels(x, y, k);
+      if (!sameBits(rhsOf(i, k), 0.0f)) mRhsQuad[i] = 1;
   }
+  unsigned quads = 1;
+  for (int i = 0; i < n; i++)
+    if (mRhsQuad[i] != 0) mRhsQuad[i] = quads++;
+  mRhsStride = static_cast<size_t>(quads) * 4;
+  mRhs.assign(static_cast<size_t>(mChunks) * mRhsStride, 0.0f);
+  for (int i = 0; i < n; i++)
+    if (mRhsQuad[i] != 0)
+      for (int k = 0; k < mLabels; k++)
+        mRhs[(k / mLanes) * mRhsStride + static_cast<size_t>(mRhsQuad[i]) * 4 + k % mLanes] = rhsOf(i, k);
   if (maxiter <= 0) return;
   const int layers = size();
   const int wanted = std::max(1, std::min(omp_get_max_threads(), mChunks));

@@ -13,7 +13,8 @@ struct CPixelSweep {
   ptrdiff_t width;
   int height;
   float* u;                  // degrees of the chunk, four lanes per pixel
-  const float* rhs;          // data term, four lanes per pixel
+  const float* rhs;          // data term of the chunk: a quad of zeros, then one per pixel that has one
+  const unsigned* rhsQuad;   // per pixel: its quad in rhs (0: the zeros)
   const float* weights;      // per pixel: right edge, lower edge, parent edge, omega / md
   const int* parent;         // nullptr: no layer above
   const float* parentValues;

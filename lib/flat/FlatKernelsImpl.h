@@ -234,8 +234,11 @@ TARNWICK_KERNEL_INLINE void updatePixels(const CPixelSweep& s, ptrdiff_t i, ptrd
     out = out - own.template laneOfQuads<2>() * L::gatherQuads(parents);
   }
   if (kCheck && s.md[i] == 0.0f) return;
+  const float* rhs[L::kGroups];
+#pragma GCC unroll 4
+  for (int g = 0; g < L::kGroups; g++) rhs[g] = s.rhs + 4 * static_cast<size_t>(s.rhsQuad[i + g * aStep]);
   out = L::splat(s.oneMinusAlpha) * out;
-  const L step = own.template laneOfQuads<3>() * (L::loadQuads(s.rhs + 4 * i, stride) - out);
+  const L step = own.template laneOfQuads<3>() * (L::gatherQuads(rhs) - out);
   clampUnit(L::splat(s.oneMinusOmega) * L::loadQuads(u + 4 * i, stride) + step).storeQuads(u + 4 * i, stride);
 }
 
