@@ -134,7 +134,7 @@ void CFlatHierarchy::buildEntries(int aLayer) {
                       (hasParent ? 1 : 0);
     layer.entryStart[p + 1] = layer.entryStart[p] + (links + 3) / 4 * 4;
   }
-  layer.entryOffset.assign(layer.entryStart[layer.nodes], static_cast<uint32_t>(mZeroSlot));
+  layer.entryOffset.assign(layer.entryStart[layer.nodes] + kPrefetchLinks, static_cast<uint32_t>(mZeroSlot));
   layer.entryG.assign(layer.entryStart[layer.nodes], 0.0f);
   auto at = [](const CLayer& aOwner, int aNode) { return static_cast<uint32_t>(aOwner.base + 4 * static_cast<size_t>(aNode)); };
   for (int p = 0; p < layer.nodes; p++) {

@@ -44,6 +44,8 @@ public:
 
   // Bytes a link of a coarser layer takes in all the lists that hold it.
   static constexpr size_t kBytesPerLink = 48;
+  // How many links ahead the sweep of layer 1 asks for its children's degrees.
+  static constexpr int kPrefetchLinks = 256;
 
   // aImg: starting degrees of the pixels, one layer per label; aSegs[0] the
   // image that weights the pixel edges, aSegs[k] the segmentation of layer k.
@@ -56,7 +58,7 @@ public:
   int layerSize(int aLayer) const { return mLayers[aLayer].nodes; }
   // Links the update of a coarser layer walks per label and sweep (neighbours,
   // children and parent of every node, padded to fours); 0 for the pixels.
-  long long layerLinks(int aLayer) const { return static_cast<long long>(mLayers[aLayer].entryOffset.size()); }
+  long long layerLinks(int aLayer) const { return aLayer == 0 ? 0 : mLayers[aLayer].entryStart.back(); }
   // Bytes the hierarchy holds.
   size_t bytes() const;
   float value(int aLayer, int aNode, int aLabel) const;
@@ -111,6 +113,8 @@ private:
     size_t base = 0;                   // of the layer's degrees within a chunk
     // What the update of a coarser node walks: per link the offset of the
     // linked node's degrees within a chunk and the link's weight product.
+    // The offsets run on past the last link (to the zero slot) by the
+    // distance the sweep looks ahead.
     std::vector<int> entryStart;
     std::vector<uint32_t> entryOffset;
     std::vector<float> entryG;
@@ -137,6 +141,8 @@ private:
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
+  template <bool kPrefetch>
+  void sweepLinks(int aLayer, int aChunk, float aOmega);
   void normalizeNode(const CLayer& aLayer, int aNode);
   void normalizeShare(int aThread, int aThreads);
   bool anyZeroWeightSum(int aLayer) const;

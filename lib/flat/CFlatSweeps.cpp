@@ -26,8 +26,19 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
 }
 
 // A coarser layer, each node's links four at a time (padded with links of
-// weight 0 to the zero slot).
+// weight 0 to the zero slot). Layer 1 gathers its children's degrees from all
+// over the pixel layer, in runs too short for the hardware to prefetch: at
+// large sizes they come from memory, so the sweep asks for them a fixed number
+// of links ahead.
 void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
+  if (aLayer == 1)
+    sweepLinks<true>(aLayer, aChunk, aOmega);
+  else
+    sweepLinks<false>(aLayer, aChunk, aOmega);
+}
+
+template <bool kPrefetch>
+void CFlatHierarchy::sweepLinks(int aLayer, int aChunk, float aOmega) {
   CLayer& layer = mLayers[aLayer];
   const float* values = chunk(aChunk);
   float* u = chunk(aChunk) + layer.base;
@@ -35,7 +46,10 @@ void CFlatHierarchy::sweepLayer(int aLayer, int aChunk, float aOmega) {
   const float* g = layer.entryG.data();
   const CLanes4 oneMinusOmega = CLanes4::splat(1.0f - aOmega);
   const bool check = anyZeroWeightSum(aLayer);
-  auto link = [&](CLanes4 aOut, int j) { return aOut - CLanes4::splat(g[j]) * CLanes4::load(values + offset[j]); };
+  auto link = [&](CLanes4 aOut, int j) {
+    if (kPrefetch) __builtin_prefetch(values + offset[j + kPrefetchLinks]);
+    return aOut - CLanes4::splat(g[j]) * CLanes4::load(values + offset[j]);
+  };
   for (int p = 0; p < layer.nodes; p++) {
     CLanes4 out = CLanes4::zero();
     for (int j = layer.entryStart[p]; j < layer.entryStart[p + 1]; j += 4)
