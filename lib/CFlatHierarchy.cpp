@@ -67,9 +67,9 @@ CFlatHierarchy::CFlatHierarchy(const CTensor<float>& aImg, const std::vector<con
 
 namespace {
 
-template <class... T>
-size_t bytesOf(const std::vector<T>&... aVectors) {
-  return ((aVectors.capacity() * sizeof(T)) + ...);
+template <class... V>
+size_t bytesOf(const V&... aVectors) {
+  return ((aVectors.capacity() * sizeof(typename V::value_type)) + ...);
 }
 
 }  // namespace

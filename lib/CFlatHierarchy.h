@@ -23,6 +23,7 @@
 
 #include "CMatrix.h"
 #include "CTensor.h"
+#include "flat/CHugePageAllocator.h"
 
 namespace NFlat {
 struct CKernels;
@@ -116,8 +117,8 @@ private:
     // The offsets run on past the last link (to the zero slot) by the
     // distance the sweep looks ahead.
     std::vector<int> entryStart;
-    std::vector<uint32_t> entryOffset;
-    std::vector<float> entryG;
+    std::vector<uint32_t, NFlat::CHugePageAllocator<uint32_t>> entryOffset;
+    std::vector<float, NFlat::CHugePageAllocator<float>> entryG;
   };
 
   float* chunk(int aChunk) { return mValues.data() + static_cast<size_t>(aChunk) * mChunkStride; }
@@ -161,7 +162,7 @@ private:
   std::vector<CLayer> mLayers;
   // The degrees: [chunk][layer][node][lane], a chunk every mChunkStride
   // floats, ending in four zeros (mZeroSlot) that padding links point to.
-  std::vector<float> mValues;
+  std::vector<float, NFlat::CHugePageAllocator<float>> mValues;
   size_t mChunkStride = 0;
   size_t mZeroSlot = 0;
   std::vector<size_t> mLabelOffset;  // of label k in mValues for node 0 of a layer
@@ -169,7 +170,7 @@ private:
   std::vector<float> mConstX, mConstY, mVarX, mVarY;
   // What a pixel update reads of its own, four floats per pixel: the weight
   // products of the edges to the right, below and to the parent, and omega / md.
-  std::vector<float> mPixelWeights;
+  std::vector<float, NFlat::CHugePageAllocator<float>> mPixelWeights;
   // Per pixel and solve: alpha * data weight * data-term flag.
   std::vector<float> mDataWeight;
   // The data term per chunk, quads of the pixels that have one after a quad
