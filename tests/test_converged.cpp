@@ -1,6 +1,6 @@
-// The converged labelling: closed-form solutions on small graphs, agreement
-// with a direct solve, fixed labelled pixels, thread-count invariance and the
-// --converged run of the tool.
+// The converged labelling: the texture features, closed-form solutions on
+// small graphs, agreement with a direct solve, fixed labelled pixels,
+// thread-count invariance and the --converged run of the tool.
 #include <gtest/gtest.h>
 
 #include <omp.h>
@@ -14,6 +14,7 @@
 #include "CTensor.h"
 #include "Converged.h"
 #include "LabelSystem.h"
+#include "TextureFeatures.h"
 #include "TestSupport.h"
 
 namespace {
@@ -40,6 +41,117 @@ CConvergedParameters tight() {
   return parameters;
 }
 
+// Tight, with edges on the plain colours, whose weights have a closed form,
+// and a beta that keeps the chains' weights above their floor.
+CConvergedParameters tightPlainColour() {
+  CConvergedParameters parameters = tight();
+  parameters.mTextureRadius = 0.0f;
+  parameters.mBeta = 4.0f;
+  return parameters;
+}
+
+// Three passes of the clipped box mean, each value summed from scratch.
+std::vector<double> slowSmooth(std::vector<double> aPlane, int aWidth, int aHeight, int aRadius) {
+  for (int pass = 0; pass < 3; pass++)
+    for (const bool alongX : {true, false}) {
+      std::vector<double> out(aPlane.size());
+      for (int y = 0; y < aHeight; y++)
+        for (int x = 0; x < aWidth; x++) {
+          double sum = 0;
+          int count = 0;
+          for (int d = -aRadius; d <= aRadius; d++) {
+            const int qx = alongX ? x + d : x;
+            const int qy = alongX ? y : y + d;
+            if (qx < 0 || qy < 0 || qx >= aWidth || qy >= aHeight) continue;
+            sum += aPlane[static_cast<size_t>(qx + qy * aWidth)];
+            count++;
+          }
+          out[static_cast<size_t>(x + y * aWidth)] = sum / count;
+        }
+      aPlane = out;
+    }
+  return aPlane;
+}
+
+struct CSmoothCase {
+  int width, height, radius;
+};
+
+class SmoothPlaneTest : public ::testing::TestWithParam<CSmoothCase> {};
+
+TEST_P(SmoothPlaneTest, EqualsTheBoxMeanSummedFromScratch) {
+  const CSmoothCase c = GetParam();
+  std::vector<double> plane;
+  for (int i = 0; i < c.width * c.height; i++) plane.push_back((i * 7919) % 256);
+  const std::vector<double> expected = slowSmooth(plane, c.width, c.height, c.radius);
+  NConverged::smoothPlane(plane, c.width, c.height, c.radius);
+  for (size_t i = 0; i < plane.size(); i++) EXPECT_NEAR(plane[i], expected[i], 1e-9) << "value " << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Converged, SmoothPlaneTest,
+                         ::testing::Values(CSmoothCase{9, 7, 1}, CSmoothCase{16, 5, 3},
+                                           CSmoothCase{4, 6, 10},   // window wider than the image
+                                           CSmoothCase{1, 8, 2}));  // a single column
+
+TEST(Converged, TextureRadiusGrowsWithTheSideAndIsAtLeastOne) {
+  EXPECT_EQ(NConverged::textureRadius(320 * 240, 4.0f), 4);
+  EXPECT_EQ(NConverged::textureRadius(1280 * 960, 4.0f), 16);
+  EXPECT_EQ(NConverged::textureRadius(160 * 120, 4.0f), 2);
+  EXPECT_EQ(NConverged::textureRadius(10, 4.0f), 1);
+  EXPECT_EQ(NConverged::textureRadius(320 * 240, 0.0f), 0);
+}
+
+// Columns alternating between two greys: inside, the window mean is their
+// mean and the deviation half their difference in every channel; a flat
+// image has no deviation.
+TEST(Converged, TextureFeaturesOfStripesAreConstantInside) {
+  const int w = 30;
+  const int h = 20;
+  std::vector<float> stripes;
+  for (int i = 0; i < w * h; i++) stripes.push_back((i % w) % 2 == 0 ? 60.0f : 140.0f);
+  const NConverged::CTextureFeatures features = NConverged::textureFeatures(greyImage(w, h, stripes), 3);
+  for (int c = 0; c < 3; c++)
+    for (const int x : {12, 13})
+      for (const int y : {0, 10}) {
+        EXPECT_NEAR(features.plane(c)[x + y * w], 100.0, 2.0) << x << "," << y;
+        EXPECT_NEAR(features.plane(c + 3)[x + y * w], 40.0, 1.0) << x << "," << y;
+      }
+  const NConverged::CTextureFeatures flat =
+      NConverged::textureFeatures(greyImage(w, h, std::vector<float>(static_cast<size_t>(w * h), 77.0f)), 3);
+  for (int i = 0; i < w * h; i++) {
+    EXPECT_NEAR(flat.plane(0)[i], 77.0, 1e-9);
+    EXPECT_NEAR(flat.plane(3)[i], 0.0, 1e-6);
+  }
+}
+
+// Stripes along the rows on the left, a flat grey of the stripes' mean on
+// the right, one labelled pixel in each half. Compared by plain colour, every
+// stripe is a chain joined to the flat grey by a step of half a stripe step,
+// so the flat label runs along the stripes; the texture features keep the
+// halves apart, up to the blur of the window.
+class StripesTest : public ::testing::TestWithParam<float> {};
+
+TEST_P(StripesTest, StripesStayApartFromAFlatNeighbourOfTheirMean) {
+  const int w = 48;
+  const int h = 24;
+  std::vector<float> grey;
+  for (int i = 0; i < w * h; i++) grey.push_back(i % w >= w / 2 ? 100.0f : ((i / w) % 2 == 0 ? 60.0f : 140.0f));
+  std::vector<int> labels(static_cast<size_t>(w * h), -1);
+  labels[static_cast<size_t>(6 + 12 * w)] = 0;
+  labels[static_cast<size_t>(40 + 12 * w)] = 1;
+  CConvergedParameters parameters = tight();
+  parameters.mTextureRadius = GetParam();
+  const CTensor<float> degrees = solveConverged(greyImage(w, h, grey), {}, labelMap(w, h, labels), 2, parameters);
+  int wrong = 0;
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w; x++)
+      if (std::abs(x - w / 2) >= 6) wrong += (degrees(x, y, 1) > degrees(x, y, 0)) != (x >= w / 2);
+  EXPECT_EQ(wrong, 0);
+}
+
+// Radii 1, 2 and 4 at this size.
+INSTANTIATE_TEST_SUITE_P(Converged, StripesTest, ::testing::Values(4.0f, 20.0f, 30.0f));
+
 // A chain of pixels is a chain of conductances exp(-beta |dI|^2 / mean |dI|^2):
 // between the two labelled ends the degree of the second label rises by each
 // edge's share of the total resistance.
@@ -65,8 +177,9 @@ TEST_P(ChainTest, DegreesFollowTheResistances) {
   std::vector<int> labels(static_cast<size_t>(n), -1);
   labels.front() = 0;
   labels.back() = 1;
-  const CTensor<float> degrees = solveConverged(greyImage(n, 1, grey), {}, labelMap(n, 1, labels), 2, tight());
-  const std::vector<double> expected = chainDegrees(grey, CConvergedParameters().mBeta);
+  const CTensor<float> degrees =
+      solveConverged(greyImage(n, 1, grey), {}, labelMap(n, 1, labels), 2, tightPlainColour());
+  const std::vector<double> expected = chainDegrees(grey, tightPlainColour().mBeta);
   for (int x = 0; x < n; x++) {
     EXPECT_NEAR(degrees(x, 0, 1), expected[static_cast<size_t>(x)], 1e-4) << "pixel " << x;
     EXPECT_NEAR(degrees(x, 0, 0) + degrees(x, 0, 1), 1.0, 1e-4) << "pixel " << x;
@@ -210,7 +323,7 @@ TEST_P(NearTieTest, AgreesWithTheDirectSolution) {
       }
       const double gap = exact[static_cast<size_t>(unknown) * scene.labelCount + best] -
                          exact[static_cast<size_t>(unknown) * scene.labelCount + second];
-      nearTies += gap < 0.05;
+      nearTies += gap < 0.1;
       if (gap < 1e-3) continue;
       int found = 0;
       for (int l = 1; l < scene.labelCount; l++)

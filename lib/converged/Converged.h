@@ -10,16 +10,26 @@
 
 namespace NConverged {
 
+// The image size the size-dependent parameters below are given for.
+constexpr double kReferencePixels = 320.0 * 240.0;
+
 struct CConvergedParameters {
-  // Pixel edges weigh exp(-beta * |dI|^2 / mean |dI|^2).
-  float mBeta = 4.0f;
-  // Links to regions weigh exp(-gate * d^2 / mean d^2), d the colour
-  // distance of a pixel to its region's mean or of a region to its parent's.
-  float mGate = 0.3f;
+  // Radius of the texture window at 320x240 (it grows with the image's
+  // side). Pixel edges compare the texture features (TextureFeatures.h);
+  // 0 compares the plain colours instead.
+  float mTextureRadius = 4.0f;
+  // Pixel edges weigh exp(-beta * d / mean d), d the squared distance of
+  // the two pixels' features (or colours).
+  float mBeta = 8.0f;
+  // Links to regions weigh exp(-gate * d), d the distance of a pixel to its
+  // region's mean or of a region's mean to its parent's: the squared
+  // distance of the texture features over its mean plus that of the colours
+  // over theirs.
+  float mGate = 1.0f;
   // Weight of a pixel's link to its finest region at 320x240; it falls with
   // the square root of the pixel count so that it keeps its share against
   // region boundaries, whose length grows with the resolution.
-  float mPixelLink = 1.5f;
+  float mPixelLink = 0.5f;
   // A labelled pixel's link to its region weighs this many times a plain
   // pixel's, so that a few points decide a region their label has reached.
   float mSeedLink = 10.0f;

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <unordered_map>
 
+#include "TextureFeatures.h"
+
 namespace NConverged {
 
 namespace {
@@ -14,8 +16,6 @@ constexpr float kRegularisation = 1e-6f;
 // Pixel edges weigh at least this: a pixel cluster behind edges of smaller
 // weight would be decided by differences below the float resolution.
 constexpr double kWeightFloor = 1e-4;
-// The pixel count at which CConvergedParameters::mPixelLink applies as given.
-constexpr double kReferencePixels = 320.0 * 240.0;
 
 struct CEdge {
   int mFrom;
@@ -23,25 +23,46 @@ struct CEdge {
   float mWeight;
 };
 
-double squaredDistance(const double* aA, const double* aB) {
-  double sum = 0;
-  for (int c = 0; c < 3; c++) sum += (aA[c] - aB[c]) * (aA[c] - aB[c]);
-  return sum;
+// What the weights compare, per pixel: planes of one value per pixel, in
+// groups (the texture features, the plain colour); a distance is the sum over
+// the groups of the group's squared distance divided by its mean.
+struct CPixelValues {
+  std::vector<const double*> mPlanes;
+  std::vector<int> mGroupEnd;  // index into mPlanes after each group
+  int channels() const { return static_cast<int>(mPlanes.size()); }
+};
+
+// Normalised distances of aCount items; aSquared(item, firstPlane, endPlane)
+// gives one group's squared distance.
+template <class TSquared>
+std::vector<double> normalisedDistances(const CPixelValues& aValues, int aCount, const TSquared& aSquared) {
+  std::vector<double> result(static_cast<size_t>(aCount), 0.0);
+  std::vector<double> part(static_cast<size_t>(aCount));
+  int first = 0;
+  for (const int end : aValues.mGroupEnd) {
+    double total = 0;
+    for (int i = 0; i < aCount; i++) total += part[static_cast<size_t>(i)] = aSquared(i, first, end);
+    // A group without any contrast adds nothing.
+    if (total > 0)
+      for (int i = 0; i < aCount; i++) result[static_cast<size_t>(i)] += part[static_cast<size_t>(i)] * aCount / total;
+    first = end;
+  }
+  return result;
 }
 
 // The regions of one segmentation: each colour is one region, numbered in
-// the order of first appearance.
+// the order of first appearance, with the mean of every value plane.
 struct CRegions {
   std::vector<int> mOfPixel;
-  std::vector<double> mMean;  // three per region
+  std::vector<double> mMean;  // channels per region
   std::vector<int> mSize;
   int count() const { return static_cast<int>(mSize.size()); }
 };
 
-CRegions findRegions(const CTensor<float>& aSegmentation, const CTensor<float>& aImage) {
-  const int n = aImage.xSize() * aImage.ySize();
+CRegions findRegions(const CTensor<float>& aSegmentation, const CPixelValues& aValues) {
+  const int n = aSegmentation.xSize() * aSegmentation.ySize();
+  const int channels = aValues.channels();
   const float* seg = aSegmentation.data();
-  const float* image = aImage.data();
   CRegions regions;
   regions.mOfPixel.resize(static_cast<size_t>(n));
   std::unordered_map<long long, int> idOfColour;
@@ -51,15 +72,16 @@ CRegions findRegions(const CTensor<float>& aSegmentation, const CTensor<float>& 
     const auto found = idOfColour.emplace(key, regions.count());
     if (found.second) {
       regions.mSize.push_back(0);
-      regions.mMean.insert(regions.mMean.end(), 3, 0.0);
+      regions.mMean.insert(regions.mMean.end(), static_cast<size_t>(channels), 0.0);
     }
     const int id = found.first->second;
     regions.mOfPixel[static_cast<size_t>(i)] = id;
     regions.mSize[static_cast<size_t>(id)]++;
-    for (int c = 0; c < 3; c++) regions.mMean[static_cast<size_t>(3 * id + c)] += image[i + c * n];
+    for (int c = 0; c < channels; c++) regions.mMean[static_cast<size_t>(channels * id + c)] += aValues.mPlanes[c][i];
   }
   for (int r = 0; r < regions.count(); r++)
-    for (int c = 0; c < 3; c++) regions.mMean[static_cast<size_t>(3 * r + c)] /= regions.mSize[static_cast<size_t>(r)];
+    for (int c = 0; c < channels; c++)
+      regions.mMean[static_cast<size_t>(channels * r + c)] /= regions.mSize[static_cast<size_t>(r)];
   return regions;
 }
 
@@ -82,33 +104,29 @@ std::vector<int> parentsOf(const CRegions& aFine, const CRegions& aCoarse) {
   return parent;
 }
 
-void addPixelEdges(const CTensor<float>& aImage, float aBeta, std::vector<CEdge>& aEdges) {
-  const int width = aImage.xSize();
-  const int height = aImage.ySize();
-  const int n = width * height;
-  const float* image = aImage.data();
+// Four-neighbour edges weighing exp(-beta * d / mean d), d the squared
+// distance of the two pixels' values of aPlanes.
+void addPixelEdges(int aWidth, int aHeight, const std::vector<const double*>& aPlanes, float aBeta,
+                   std::vector<CEdge>& aEdges) {
   auto difference = [&](int a, int b) {
     double sum = 0;
-    for (int c = 0; c < 3; c++) {
-      const double d = static_cast<double>(image[a + c * n]) - image[b + c * n];
-      sum += d * d;
-    }
+    for (const double* plane : aPlanes) sum += (plane[a] - plane[b]) * (plane[a] - plane[b]);
     return sum;
   };
   const size_t first = aEdges.size();
   double total = 0;
-  for (int y = 0; y < height; y++)
-    for (int x = 0; x < width; x++) {
-      const int i = x + y * width;
-      if (x + 1 < width) {
+  for (int y = 0; y < aHeight; y++)
+    for (int x = 0; x < aWidth; x++) {
+      const int i = x + y * aWidth;
+      if (x + 1 < aWidth) {
         const double d = difference(i, i + 1);
         total += d;
         aEdges.push_back({i, i + 1, static_cast<float>(d)});
       }
-      if (y + 1 < height) {
-        const double d = difference(i, i + width);
+      if (y + 1 < aHeight) {
+        const double d = difference(i, i + aWidth);
         total += d;
-        aEdges.push_back({i, i + width, static_cast<float>(d)});
+        aEdges.push_back({i, i + aWidth, static_cast<float>(d)});
       }
     }
   const size_t count = aEdges.size() - first;
@@ -119,46 +137,43 @@ void addPixelEdges(const CTensor<float>& aImage, float aBeta, std::vector<CEdge>
 }
 
 // Links of every pixel to its finest region and of every region to its
-// parent, gated by the colour distance between the two ends; labelled pixels
-// hold on to their region more strongly.
-void addRegionLinks(const CTensor<float>& aImage, const std::vector<CTensor<float>>& aSegmentations,
+// parent, gated by the normalised distance of the two ends' values; labelled
+// pixels hold on to their region more strongly.
+void addRegionLinks(const CPixelValues& aValues, const std::vector<CTensor<float>>& aSegmentations,
                     const CConvergedParameters& aParameters, const CMatrix<int>& aLabelOf, std::vector<CEdge>& aEdges) {
-  const int n = aImage.xSize() * aImage.ySize();
+  const int n = aLabelOf.xSize() * aLabelOf.ySize();
+  const int channels = aValues.channels();
   std::vector<CRegions> layers;
-  for (const CTensor<float>& segmentation : aSegmentations) layers.push_back(findRegions(segmentation, aImage));
+  for (const CTensor<float>& segmentation : aSegmentations) layers.push_back(findRegions(segmentation, aValues));
   const double link = aParameters.mPixelLink * std::sqrt(kReferencePixels / n);
-  const float* image = aImage.data();
-  std::vector<double> distance(static_cast<size_t>(n));
-  double total = 0;
-  for (int i = 0; i < n; i++) {
-    const double colour[3] = {image[i], image[i + n], image[i + 2 * n]};
-    const int region = layers[0].mOfPixel[static_cast<size_t>(i)];
-    distance[static_cast<size_t>(i)] = squaredDistance(colour, &layers[0].mMean[static_cast<size_t>(3 * region)]);
-    total += distance[static_cast<size_t>(i)];
-  }
-  double mean = total > 0 ? total / n : 1.0;
+  const CRegions& finest = layers[0];
+  const std::vector<double> distance = normalisedDistances(aValues, n, [&](int i, int aFirst, int aEnd) {
+    const double* mean = &finest.mMean[static_cast<size_t>(channels) * finest.mOfPixel[static_cast<size_t>(i)]];
+    double sum = 0;
+    for (int c = aFirst; c < aEnd; c++) sum += (aValues.mPlanes[c][i] - mean[c]) * (aValues.mPlanes[c][i] - mean[c]);
+    return sum;
+  });
   for (int i = 0; i < n; i++)
-    aEdges.push_back({i, n + layers[0].mOfPixel[static_cast<size_t>(i)],
+    aEdges.push_back({i, n + finest.mOfPixel[static_cast<size_t>(i)],
                       static_cast<float>((aLabelOf.data()[i] >= 0 ? aParameters.mSeedLink : 1.0) * link *
-                                         std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)] / mean))});
+                                         std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)]))});
   int firstNode = n;
   for (size_t k = 0; k + 1 < layers.size(); k++) {
     const CRegions& fine = layers[k];
     const CRegions& coarse = layers[k + 1];
     const int coarseFirst = firstNode + fine.count();
     const std::vector<int> parent = parentsOf(fine, coarse);
-    std::vector<double> gap(static_cast<size_t>(fine.count()));
-    total = 0;
-    for (int r = 0; r < fine.count(); r++) {
-      gap[static_cast<size_t>(r)] = squaredDistance(&fine.mMean[static_cast<size_t>(3 * r)],
-                                                    &coarse.mMean[static_cast<size_t>(3 * parent[static_cast<size_t>(r)])]);
-      total += gap[static_cast<size_t>(r)];
-    }
-    mean = total > 0 ? total / fine.count() : 1.0;
+    const std::vector<double> gap = normalisedDistances(aValues, fine.count(), [&](int r, int aFirst, int aEnd) {
+      const double* a = &fine.mMean[static_cast<size_t>(channels) * r];
+      const double* b = &coarse.mMean[static_cast<size_t>(channels) * parent[static_cast<size_t>(r)]];
+      double sum = 0;
+      for (int c = aFirst; c < aEnd; c++) sum += (a[c] - b[c]) * (a[c] - b[c]);
+      return sum;
+    });
     for (int r = 0; r < fine.count(); r++)
       aEdges.push_back({firstNode + r, coarseFirst + parent[static_cast<size_t>(r)],
                         static_cast<float>(aParameters.mParentLink * link * fine.mSize[static_cast<size_t>(r)] *
-                                           std::exp(-aParameters.mGate * gap[static_cast<size_t>(r)] / mean))});
+                                           std::exp(-aParameters.mGate * gap[static_cast<size_t>(r)]))});
     firstNode = coarseFirst;
   }
 }
@@ -174,10 +189,27 @@ int nodeCount(int aPixels, const std::vector<CEdge>& aEdges) {
 CLabelSystem buildLabelSystem(const CTensor<float>& aImage, const std::vector<CTensor<float>>& aSegmentations,
                               const CMatrix<int>& aLabelOf, int aLabelCount, const CConvergedParameters& aParameters) {
   const int n = aImage.xSize() * aImage.ySize();
+  // The plain colour, and with a texture window the features of the image;
+  // pixel edges compare the features alone (the colour would cut a striped
+  // region at every stripe), the region gates both.
+  std::vector<double> colour(aImage.data(), aImage.data() + static_cast<size_t>(3) * n);
+  CTextureFeatures features;
+  CPixelValues values;
+  const int radius = textureRadius(n, aParameters.mTextureRadius);
+  if (radius > 0) {
+    features = textureFeatures(aImage, radius);
+    for (int c = 0; c < CTextureFeatures::kPlanes; c++) values.mPlanes.push_back(features.plane(c));
+    values.mGroupEnd.push_back(values.channels());
+  }
+  const std::vector<const double*> edgePlanes =
+      radius > 0 ? values.mPlanes : std::vector<const double*>{colour.data(), colour.data() + n, colour.data() + 2 * n};
+  for (int c = 0; c < 3; c++) values.mPlanes.push_back(colour.data() + static_cast<size_t>(c) * n);
+  values.mGroupEnd.push_back(values.channels());
+
   std::vector<CEdge> edges;
   edges.reserve(static_cast<size_t>(n) * (aSegmentations.empty() ? 2 : 3));
-  addPixelEdges(aImage, aParameters.mBeta, edges);
-  if (!aSegmentations.empty()) addRegionLinks(aImage, aSegmentations, aParameters, aLabelOf, edges);
+  addPixelEdges(aImage.xSize(), aImage.ySize(), edgePlanes, aParameters.mBeta, edges);
+  if (!aSegmentations.empty()) addRegionLinks(values, aSegmentations, aParameters, aLabelOf, edges);
   const int nodes = nodeCount(n, edges);
 
   CLabelSystem system;
