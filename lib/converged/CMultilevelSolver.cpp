@@ -336,7 +336,8 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   // below the tolerance everywhere.
   const auto settle = [&](int aIteration) {
     std::vector<float> largest(static_cast<size_t>(aColumns), 0.0f);
-    for (size_t k = 0; k < size; k++) largest[k % aColumns] = std::max(largest[k % aColumns], std::fabs(z[k]));
+    for (size_t k = 0; k < size; k += static_cast<size_t>(aColumns))
+      for (int c = 0; c < aColumns; c++) largest[c] = std::max(largest[c], std::fabs(z[k + c]));
     for (int c = 0; c < aColumns; c++) {
       if (!active[c]) continue;
       result.mIterations = std::max(result.mIterations, aIteration);
@@ -359,11 +360,11 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
     multiply(mLevels[0].mMatrix, p.data(), q.data(), aColumns);
     columnDots(p.data(), q.data(), n, aColumns, pq);
     for (int c = 0; c < aColumns; c++) alpha[c] = active[c] && pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
-    for (size_t k = 0; k < size; k++) {
-      const int c = static_cast<int>(k % aColumns);
-      x[k] += alpha[c] * p[k];
-      r[k] -= alpha[c] * q[k];
-    }
+    for (size_t k = 0; k < size; k += static_cast<size_t>(aColumns))
+      for (int c = 0; c < aColumns; c++) {
+        x[k + c] += alpha[c] * p[k + c];
+        r[k + c] -= alpha[c] * q[k + c];
+      }
     cycle(0, work);
     settle(iteration);
     std::vector<double> rzNew;
@@ -372,7 +373,8 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
       beta[c] = active[c] && rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
       rz[c] = rzNew[c];
     }
-    for (size_t k = 0; k < size; k++) p[k] = z[k] + beta[k % aColumns] * p[k];
+    for (size_t k = 0; k < size; k += static_cast<size_t>(aColumns))
+      for (int c = 0; c < aColumns; c++) p[k + c] = z[k + c] + beta[c] * p[k + c];
   }
   return result;
 }
