@@ -7,7 +7,9 @@
 // - the degrees are stored in chunks of up to four labels, node after node,
 //   so one walk of a node's edges updates all labels of a chunk at once with
 //   SIMD lanes; within one inner iteration the label passes are independent,
-//   so the chunks are shared out among the threads;
+//   so the chunks are shared out among the threads, and a chunk left over
+//   (one of one, or the third of three on two threads) has its pixel pass
+//   shared by all of them in bands of rows that trail each other;
 // - edge weights, weight sums and the over-relaxation factor per node are
 //   formed once per outer iteration with the same float operations;
 // - the vector kernels (flat/FlatKernels.h) are written once over a lane
@@ -24,10 +26,8 @@
 #include "CMatrix.h"
 #include "CTensor.h"
 #include "flat/CHugePageAllocator.h"
+#include "flat/FlatKernels.h"
 
-namespace NFlat {
-struct CKernels;
-}
 
 class CFlatHierarchy {
 public:
@@ -140,7 +140,7 @@ private:
   void computeVariableWeights(int aThread, int aThreads);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
-  void sweepPixels(int aChunk, float aAlpha, float aOmega);
+  void sweepPixels(int aChunk, float aAlpha, float aOmega, int aMember = 0, int aTeam = 1, long long aPass = 0);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
   template <bool kPrefetch>
   void sweepLinks(int aLayer, int aChunk, float aOmega);
@@ -155,6 +155,8 @@ private:
   int mChunks = 0;
   std::vector<int> mLaneIndex;  // chunk * 4 + lane of every label
   int mTeam = 1;                // threads of the solve
+  // Per band of rows, the progress of the pixel pass that several threads share.
+  std::vector<NFlat::CBandProgress> mBandProgress;
   const NFlat::CKernels* mKernels = nullptr;  // of the solve's register width
   // [layer][thread]: a node of the thread's share has a weight sum of 0.
   std::vector<char> mZeroWeightSum;

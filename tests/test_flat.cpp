@@ -136,7 +136,7 @@ void expectSameDegrees(CHierarchy& aReference, const CFlatHierarchy& aFlat, int 
   }
 }
 
-// The reference solve once, then the flat solve with one and two threads at
+// The reference solve once, then the flat solve with one to three threads at
 // every register width the processor has, each compared with it.
 void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveralLabels = false, bool aLarge = false) {
   const std::string what = "seed " + std::to_string(aSeed) + ", " + std::to_string(aCoarserLayers) +
@@ -151,7 +151,7 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSevera
   solveSegmentation_SOR(reference, c.conf, c.sparse, weightReference, alpha, omega, 3);
   const int threadsBefore = omp_get_max_threads();
   for (int bits : kVectorBits)
-    for (int threads : {1, 2}) {
+    for (int threads : {1, 2, 3}) {
       CFlatHierarchy::limitVectorBits(bits);
       omp_set_num_threads(threads);
       const std::string run = what + ", " + std::to_string(threads) + " threads, " +

@@ -89,7 +89,9 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
         mRhs[(k / mLanes) * mRhsStride + static_cast<size_t>(mRhsQuad[i]) * 4 + k % mLanes] = rhsOf(i, k);
   if (maxiter <= 0) return;
   const int layers = size();
-  const int wanted = std::max(1, std::min(omp_get_max_threads(), mChunks));
+  // Two threads even for one chunk: they share its pixel passes.
+  const int wanted = std::max(1, std::min(omp_get_max_threads(), std::max(2, mChunks)));
+  mBandProgress = std::vector<NFlat::CBandProgress>(static_cast<size_t>(mYSize));
   mKernels = &kernelsOf(vectorBits());
   std::unique_ptr<NFlat::CYieldingBarrier> barrier;
 #pragma omp parallel num_threads(wanted)
@@ -104,6 +106,10 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     const int threads = omp_get_num_threads();
     // The first thread times the phases; the clock costs nothing against them.
     CPhaseClock clock(thread == 0);
+    // Chunks a thread sweeps alone; the rest each in passes the team shares,
+    // then on through the coarser layers by one of them.
+    const int alone = mChunks - mChunks % threads;
+    long long sharedPasses = 0;
     for (int iter = 0; iter < maxiter; iter++) {
       computeVariableWeights(thread, threads);
       barrier->wait();
@@ -111,11 +117,19 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
       barrier->wait();
       clock.lap(mPhaseTimes.weights);
       for (int inner = 0; inner < NSolverRules::kInnerIterations; inner++) {
-        for (int c = thread; c < mChunks; c += threads) {
+        for (int c = thread; c < alone; c += threads) {
           clock.lap(mPhaseTimes.layerSweeps);
           sweepPixels(c, aAlpha, aOmega);
           clock.lap(mPhaseTimes.pixelSweeps);
           for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
+        }
+        for (int c = alone; c < mChunks; c++) {
+          clock.lap(mPhaseTimes.layerSweeps);
+          sweepPixels(c, aAlpha, aOmega, thread, threads, ++sharedPasses);
+          barrier->wait();
+          clock.lap(mPhaseTimes.pixelSweeps);
+          if (thread == c % threads)
+            for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
         }
         barrier->wait();
         clock.lap(mPhaseTimes.layerSweeps);

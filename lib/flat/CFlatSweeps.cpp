@@ -6,8 +6,9 @@
 using NSimd::CLanes4;
 
 // Each pixel reads the new degrees of the pixels before it and the old ones of
-// the pixels after it and of its parent.
-void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
+// the pixels after it and of its parent. With a team of several threads the
+// pass is shared, aMember doing its bands of rows, and aPass counts from 1.
+void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, int aMember, int aTeam, long long aPass) {
   CLayer& pixels = mLayers[0];
   const bool hasParent = size() > 1;
   const NFlat::CPixelSweep sweep{mXSize,
@@ -21,7 +22,11 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega) {
                                  pixels.md.data(),
                                  1.0f - aAlpha,
                                  1.0f - aOmega,
-                                 anyZeroWeightSum(0)};
+                                 anyZeroWeightSum(0),
+                                 aMember,
+                                 aTeam,
+                                 mBandProgress.data(),
+                                 aPass};
   mKernels->sweepPixels(sweep);
 }
 

@@ -4,9 +4,18 @@
 // bits, because every lane goes through the operations of the 128-bit path.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 
 namespace NFlat {
+
+// Progress of one band in one shared pass: pass * kPassSpan + steps done; a
+// cache line of its own, so that the neighbouring bands' threads do not
+// contend for it.
+constexpr long long kPassSpan = 1LL << 32;
+struct alignas(64) CBandProgress {
+  std::atomic<long long> steps{0};
+};
 
 // One Gauss-Seidel pass over the pixels for the labels of one chunk.
 struct CPixelSweep {
@@ -22,6 +31,13 @@ struct CPixelSweep {
   float oneMinusAlpha;
   float oneMinusOmega;
   bool check;                // some pixel has a weight sum of 0 and keeps its degree
+  // A pass shared by a team: the bands of rows go round its members, each
+  // band trailing the one above it (whose progress it reads) as closely as
+  // the row-by-row order allows. One member alone does every band.
+  int member = 0;
+  int team = 1;
+  CBandProgress* bandProgress = nullptr;  // per band
+  long long pass = 0;
 };
 
 // The degrees of the pixels, for their edges' value-dependent weights.

@@ -11,7 +11,9 @@
 #endif
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <thread>
 #include <vector>
 
 #include "CSuperpixelLayer.h"
@@ -270,23 +272,49 @@ TARNWICK_KERNEL void updateBorderPixel(const CPixelSweep& s, int x, int y) {
   }
 }
 
+// Waits until aProgress has reached aWanted; returns what it read.
+TARNWICK_KERNEL_INLINE long long awaitProgress(const std::atomic<long long>& aProgress, long long aWanted) {
+  long long seen = aProgress.load(std::memory_order_acquire);
+  for (int spin = 0; seen < aWanted; spin++) {
+    if (spin < 4000)
+      __builtin_ia32_pause();
+    else
+      std::this_thread::yield();
+    seen = aProgress.load(std::memory_order_acquire);
+  }
+  return seen;
+}
+
 // The pixels in row-major Gauss-Seidel order, computed as a skewed wavefront:
 // bands of rows, row r of a band trailing row r - 1 by one pixel. Each pixel
 // still reads new degrees above and to its left and old ones below and to its
 // right, but the updates of one wavefront step depend only on the step
 // before: they go kGroups to a register, in kChains independent chains whose
-// latencies overlap.
+// latencies overlap. In a shared pass the first row of a band reads the last
+// row of the band above, done by another thread: step t of a band needs steps
+// up to t + kBand - 1 of the band above done (the pixel above new), and then
+// also the pixel above has read the one below before it changes.
 template <class L, bool kParent, bool kCheck>
 TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
   constexpr int kChains = L::kGroups == 1 ? 6 : 3;
   constexpr int kBand = kChains * L::kGroups;
+  constexpr int kPublish = 16;  // steps between two reports of a band's progress
   const CPixelSweep s = aSweep;  // a local copy: the stores cannot change it
   const int width = static_cast<int>(s.width);
   const int height = s.height;
-  for (int y0 = 0; y0 < height; y0 += kBand) {
+  const int bands = (height + kBand - 1) / kBand;
+  const long long passStart = s.pass * kPassSpan;
+  const int aboveSteps = width + kBand - 1;
+  for (int band = s.member; band < bands; band += s.team) {
+    const int y0 = band * kBand;
     const int rows = std::min(kBand, height - y0);
     const bool innerRows = rows == kBand && y0 > 0 && y0 + kBand < height;
+    const bool trails = s.team > 1 && band > 0;
+    long long above = 0;  // steps of the band above known to be done
     for (int t = 0; t < width + rows - 1; t++) {
+      if (trails && above < std::min(t + kBand, aboveSteps))
+        above = awaitProgress(s.bandProgress[band - 1].steps, passStart + std::min(t + kBand, aboveSteps)) - passStart;
+      if (s.team > 1 && t % kPublish == 0) s.bandProgress[band].steps.store(passStart + t, std::memory_order_release);
       if (innerRows && t >= kBand && t < width - 1) {
         const ptrdiff_t i = static_cast<ptrdiff_t>(y0) * width + t;
         const ptrdiff_t next = width - 1;
@@ -300,6 +328,7 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
         if (x >= 0 && x < width) updateBorderPixel<kParent, kCheck>(s, x, y0 + r);
       }
     }
+    if (s.team > 1) s.bandProgress[band].steps.store(passStart + width + rows - 1, std::memory_order_release);
   }
 }
 
