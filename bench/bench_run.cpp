@@ -9,10 +9,12 @@
 // results and the reference path's must be byte-identical, or the benchmark
 // exits with status 1 (as it does when a run fails).
 //
-// Usage: bench_run [--quick | --full] [--repeat=N]
+// Usage: bench_run [--quick | --full] [--repeat=N] [--labels=N]
 //   --quick     320x240 only (fast and reference path), a smoke run
 //   --full      also runs the reference path at 1280x960 (several minutes)
 //   --repeat=N  every fast row is the run of median wall time among N
+//   --labels=N  scribbles of the first N labels only (1 to 5; default 5): with
+//               up to four labels one chunk holds them all
 
 #include <omp.h>
 #include <unistd.h>
@@ -255,12 +257,13 @@ std::vector<CStroke> scribbleStrokes(const CScene& aScene) {
 }
 
 // The strokes on white, about one pixel per 320 of the width thick.
-CTensor<float> renderScribbles(const std::vector<CStroke>& aStrokes, const CSize& aSize) {
+CTensor<float> renderScribbles(const std::vector<CStroke>& aStrokes, const CSize& aSize, int aLabels) {
   const double scale = aSize.width / kFrameWidth;
   const int thickness = std::max(1, static_cast<int>(scale));
   CTensor<float> canvas(aSize.width, aSize.height, 3, 255.0f);
   std::set<int> used;
   for (const CStroke& stroke : aStrokes) {
+    if (stroke.label >= aLabels) continue;
     for (double t = 0; t <= kStrokeLength * scale; t += 0.5) {
       const int x = static_cast<int>(stroke.x0 * scale + t * std::cos(stroke.angle));
       const int y = static_cast<int>(stroke.y0 * scale + t * std::sin(stroke.angle));
@@ -273,7 +276,7 @@ CTensor<float> renderScribbles(const std::vector<CStroke>& aStrokes, const CSize
     }
     used.insert(stroke.label);
   }
-  if (static_cast<int>(used.size()) != kLabels)
+  if (static_cast<int>(used.size()) != aLabels)
     throw std::runtime_error("the scene leaves room for scribbles of only " + std::to_string(used.size()) + " labels");
   return canvas;
 }
@@ -284,7 +287,7 @@ int regionCount(const CMatrix<int>& aLabels) {
 
 // Writes image.ppm, image_seg0..2.ppm and labels.ppm into aFolder.
 void writeInputs(const CScene& aScene, const std::vector<CStroke>& aStrokes, const CSize& aSize,
-                 const std::string& aFolder) {
+                 const std::string& aFolder, int aLabels) {
   const auto start = std::chrono::steady_clock::now();
   std::filesystem::create_directories(aFolder);
   CTensor<float> image = renderImage(aScene, aSize, 5);
@@ -296,15 +299,15 @@ void writeInputs(const CScene& aScene, const std::vector<CStroke>& aStrokes, con
         .writeToPPM(segmentationFileName(aFolder + "/image", static_cast<int>(k), ".ppm").c_str());
     std::cout << (k == 0 ? " " : " / ") << regionCount(levels[k]);
   }
-  renderScribbles(aStrokes, aSize).writeToPPM((aFolder + "/labels.ppm").c_str());
-  std::cout << ", " << kLabels << " labels, " << std::fixed << std::setprecision(1) << secondsSince(start) << " s" << std::endl;
+  renderScribbles(aStrokes, aSize, aLabels).writeToPPM((aFolder + "/labels.ppm").c_str());
+  std::cout << ", " << aLabels << " labels, " << std::fixed << std::setprecision(1) << secondsSince(start) << " s" << std::endl;
 }
 
-bool generateInputs(const std::vector<CSize>& aSizes, const std::string& aRoot) {
+bool generateInputs(const std::vector<CSize>& aSizes, const std::string& aRoot, int aLabels) {
   const CMeasurement generation = measureInChild(false, [&] {
     const CScene scene(2024);
     const std::vector<CStroke> strokes = scribbleStrokes(scene);
-    for (const CSize& size : aSizes) writeInputs(scene, strokes, size, aRoot + "/" + size.name());
+    for (const CSize& size : aSizes) writeInputs(scene, strokes, size, aRoot + "/" + size.name(), aLabels);
     CChildReport report;
     report.status = 0;
     return report;
@@ -364,6 +367,7 @@ struct COptions {
   bool quick = false;
   bool full = false;
   int repeats = 1;
+  int labels = kLabels;
 };
 
 struct CCase {
@@ -406,8 +410,8 @@ void printHeader() {
 
 // One row of the main table; aFast is the default fast run of the same size,
 // or null for that run itself.
-void printRow(const CSize& aSize, const CRunKind& aKind, const CMeasurement& aRun, const CMeasurement* aFast,
-              bool aSame) {
+void printRow(const CSize& aSize, int aLabels, const CRunKind& aKind, const CMeasurement& aRun,
+              const CMeasurement* aFast, bool aSame) {
   std::cout << std::left << std::setw(10) << aSize.name() << " " << std::setw(10) << aKind.name << std::right;
   if (!aRun.ok) {
     std::cout << "  run failed (see the messages above)\n";
@@ -424,7 +428,7 @@ void printRow(const CSize& aSize, const CRunKind& aKind, const CMeasurement& aRu
   std::cout << std::setw(4) << aRun.report.threads << std::fixed << std::setprecision(2) << std::setw(9)
             << aRun.wallSeconds << std::setw(9) << aRun.cpuSeconds << std::setprecision(1) << std::setw(9)
             << aRun.peakMB << std::setprecision(0) << std::setw(6) << bytes / pixels << std::setw(9)
-            << bytes / pixels / kLabels << std::setprecision(2) << std::setw(10) << stats.levelSeconds[0];
+            << bytes / pixels / aLabels << std::setprecision(2) << std::setw(10) << stats.levelSeconds[0];
   for (int level = 1; level < 4; level++) std::cout << std::setw(7) << stats.levelSeconds[level];
   if (aFast != nullptr && aFast->ok)
     std::cout << std::setprecision(2) << std::setw(8) << aRun.wallSeconds / aFast->wallSeconds << "  "
@@ -463,7 +467,7 @@ void printMachine(const COptions& aOptions) {
   else if (!aOptions.full)
     std::cout << "reference path at 320x240 and 640x480 only (--full adds 1280x960)\n";
   std::cout << "inputs: three nested segmentations of about " << kRegionCounts[0] << " / " << kRegionCounts[1]
-            << " / " << kRegionCounts[2] << " regions, " << kLabels << " labels; median of " << aOptions.repeats
+            << " / " << kRegionCounts[2] << " regions, " << aOptions.labels << " labels; median of " << aOptions.repeats
             << " run(s) per row\n";
 }
 
@@ -472,7 +476,7 @@ bool benchmark(const COptions& aOptions, const std::string& aRoot) {
   const std::vector<CCase> cases = casesFor(aOptions);
   std::vector<CSize> sizes;
   for (const CCase& oneCase : cases) sizes.push_back(oneCase.size);
-  if (!generateInputs(sizes, aRoot)) return false;
+  if (!generateInputs(sizes, aRoot, aOptions.labels)) return false;
   printHeader();
   bool good = true;
   std::vector<std::string> verdicts;
@@ -489,7 +493,7 @@ bool benchmark(const COptions& aOptions, const std::string& aRoot) {
       const CMeasurement run = measureRun(folder, prefix, kind.path, kind.threads, kind.bits, repeats);
       const bool same = k == 0 || sameResults(folder, "run0_", prefix);
       if (k == 0) fast = run;
-      printRow(oneCase.size, kind, run, k == 0 ? nullptr : &fast, same);
+      printRow(oneCase.size, aOptions.labels, kind, run, k == 0 ? nullptr : &fast, same);
       good = good && run.ok && same;
       allSame = allSame && same;
       if (kind.path == ESolverPath::Fast) fastRuns.push_back({oneCase.size, {kind, run}});
@@ -529,8 +533,11 @@ COptions parseOptions(int argc, char** argv) {
       options.full = true;
     else if (option.rfind("--repeat=", 0) == 0 && std::atoi(option.c_str() + 9) > 0)
       options.repeats = std::atoi(option.c_str() + 9);
+    else if (option.rfind("--labels=", 0) == 0 && std::atoi(option.c_str() + 9) >= 1 &&
+             std::atoi(option.c_str() + 9) <= kLabels)
+      options.labels = std::atoi(option.c_str() + 9);
     else
-      throw std::invalid_argument("unknown option " + option + "; usage: bench_run [--quick | --full] [--repeat=N]");
+      throw std::invalid_argument("unknown option " + option + "; usage: bench_run [--quick | --full] [--repeat=N] [--labels=N]");
   }
   if (options.quick && options.full) throw std::invalid_argument("--quick and --full exclude each other");
   return options;

@@ -140,12 +140,15 @@ private:
   void computeVariableWeights(int aThread, int aThreads);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
-  void sweepPixels(int aChunk, float aAlpha, float aOmega, int aMember = 0, int aTeam = 1, long long aPass = 0);
+  void sweepPixels(int aChunk, float aAlpha, float aOmega, bool aProjectFirst, int aMember = 0, int aTeam = 1,
+                   long long aPass = 0);
   void sweepLayer(int aLayer, int aChunk, float aOmega);
   template <bool kPrefetch>
   void sweepLinks(int aLayer, int aChunk, float aOmega);
   void normalizeNode(const CLayer& aLayer, int aNode);
-  void normalizeShare(int aThread, int aThreads);
+  // aPixelsLater: the pixels' whole quads are left to the next pixel pass.
+  void normalizeShare(int aThread, int aThreads, bool aPixelsLater);
+  NFlat::CProjection projectionOf(CLayer& aLayer);
   bool anyZeroWeightSum(int aLayer) const;
 
   int mXSize = 0;

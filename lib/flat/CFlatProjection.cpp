@@ -31,14 +31,16 @@ void CFlatHierarchy::normalizeNode(const CLayer& aLayer, int aNode) {
 
 // One thread's share of every layer's nodes, four at a time or more; the
 // nodes beyond the last four one at a time, each layer's by one thread.
-void CFlatHierarchy::normalizeShare(int aThread, int aThreads) {
+NFlat::CProjection CFlatHierarchy::projectionOf(CLayer& aLayer) {
+  return {chunk(0) + aLayer.base, mChunkStride, mChunks, mLanes, mLabels, mLaneIndex.data()};
+}
+
+void CFlatHierarchy::normalizeShare(int aThread, int aThreads, bool aPixelsLater) {
   for (int l = 0; l < size(); l++) {
     CLayer& layer = mLayers[l];
     const int quads = layer.nodes / 4;
     const NFlat::CShare mine = NFlat::share(quads, aThread, aThreads);
-    const NFlat::CProjection projection{chunk(0) + layer.base, mChunkStride, mChunks, mLanes, mLabels,
-                                        mLaneIndex.data()};
-    mKernels->project(projection, mine.begin, mine.end);
+    if (l > 0 || !aPixelsLater) mKernels->project(projectionOf(layer), mine.begin, mine.end);
     if (l % aThreads == aThread)
       for (int p = 4 * quads; p < layer.nodes; p++) normalizeNode(layer, p);
   }

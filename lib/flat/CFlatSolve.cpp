@@ -110,6 +110,11 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     // then on through the coarser layers by one of them.
     const int alone = mChunks - mChunks % threads;
     long long sharedPasses = 0;
+    // When the pixel passes of all chunks follow each other in one stream of
+    // bands, the pixels' projection can wait for the next pass, which finds
+    // their degrees in the cache; not before the weights are renewed.
+    const bool oneStream = threads == 1 || mChunks == 1;
+    bool pixelsLater = false;
     for (int iter = 0; iter < maxiter; iter++) {
       computeVariableWeights(thread, threads);
       barrier->wait();
@@ -117,15 +122,17 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
       barrier->wait();
       clock.lap(mPhaseTimes.weights);
       for (int inner = 0; inner < NSolverRules::kInnerIterations; inner++) {
+        const bool projectFirst = pixelsLater;
+        pixelsLater = oneStream && inner + 1 < NSolverRules::kInnerIterations;
         for (int c = thread; c < alone; c += threads) {
           clock.lap(mPhaseTimes.layerSweeps);
-          sweepPixels(c, aAlpha, aOmega);
+          sweepPixels(c, aAlpha, aOmega, projectFirst && c == 0);
           clock.lap(mPhaseTimes.pixelSweeps);
           for (int l = 1; l < layers; l++) sweepLayer(l, c, aOmega);
         }
         for (int c = alone; c < mChunks; c++) {
           clock.lap(mPhaseTimes.layerSweeps);
-          sweepPixels(c, aAlpha, aOmega, thread, threads, ++sharedPasses);
+          sweepPixels(c, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
           barrier->wait();
           clock.lap(mPhaseTimes.pixelSweeps);
           if (thread == c % threads)
@@ -133,7 +140,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
         }
         barrier->wait();
         clock.lap(mPhaseTimes.layerSweeps);
-        normalizeShare(thread, threads);
+        normalizeShare(thread, threads, pixelsLater);
         barrier->wait();
         clock.lap(mPhaseTimes.projection);
       }

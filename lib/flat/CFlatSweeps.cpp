@@ -8,8 +8,10 @@ using NSimd::CLanes4;
 // Each pixel reads the new degrees of the pixels before it and the old ones of
 // the pixels after it and of its parent. With a team of several threads the
 // pass is shared, aMember doing its bands of rows, and aPass counts from 1.
-void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, int aMember, int aTeam, long long aPass) {
+void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, bool aProjectFirst, int aMember, int aTeam,
+                                 long long aPass) {
   CLayer& pixels = mLayers[0];
+  const NFlat::CProjection projection = projectionOf(pixels);
   const bool hasParent = size() > 1;
   const NFlat::CPixelSweep sweep{mXSize,
                                  mYSize,
@@ -26,7 +28,8 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, int aMe
                                  aMember,
                                  aTeam,
                                  mBandProgress.data(),
-                                 aPass};
+                                 aPass,
+                                 aProjectFirst ? &projection : nullptr};
   mKernels->sweepPixels(sweep);
 }
 

@@ -17,6 +17,8 @@ struct alignas(64) CBandProgress {
   std::atomic<long long> steps{0};
 };
 
+struct CProjection;
+
 // One Gauss-Seidel pass over the pixels for the labels of one chunk.
 struct CPixelSweep {
   ptrdiff_t width;
@@ -38,6 +40,12 @@ struct CPixelSweep {
   int team = 1;
   CBandProgress* bandProgress = nullptr;  // per band
   long long pass = 0;
+  // When set, the pixels' degrees (all chunks) are still to be projected onto
+  // the simplex for this pass: each band first projects the whole quads of
+  // pixels from its second row up to the first row of the next band (band 0
+  // from the first pixel), so every pixel is projected once and before it is
+  // read, and its degrees are then still in the cache for the pass.
+  const CProjection* projectFirst = nullptr;
 };
 
 // The degrees of the pixels, for their edges' value-dependent weights.

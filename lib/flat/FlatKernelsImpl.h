@@ -272,6 +272,19 @@ TARNWICK_KERNEL void updateBorderPixel(const CPixelSweep& s, int x, int y) {
   }
 }
 
+template <class L>
+TARNWICK_KERNEL void project(const CProjection& aProjection, int aFirstQuad, int aEndQuad);
+
+// The whole quads of pixels that cover the rows before aRow: a band projects
+// those up to the end of the next band's first row, from where the band above
+// stopped. The pixels beyond the last whole quad are left to the projection
+// after the pass.
+TARNWICK_KERNEL_INLINE int quadsBeforeRow(const CPixelSweep& s, int aRow) {
+  const long long pixels = static_cast<long long>(s.width) * s.height;
+  const long long before = std::min<long long>(static_cast<long long>(aRow) * s.width, pixels);
+  return static_cast<int>(std::min<long long>((before + 3) / 4, pixels / 4));
+}
+
 // Waits until aProgress has reached aWanted; returns what it read.
 TARNWICK_KERNEL_INLINE long long awaitProgress(const std::atomic<long long>& aProgress, long long aWanted) {
   long long seen = aProgress.load(std::memory_order_acquire);
@@ -310,6 +323,8 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
     const int rows = std::min(kBand, height - y0);
     const bool innerRows = rows == kBand && y0 > 0 && y0 + kBand < height;
     const bool trails = s.team > 1 && band > 0;
+    if (s.projectFirst != nullptr)
+      project<L>(*s.projectFirst, band == 0 ? 0 : quadsBeforeRow(s, y0 + 1), quadsBeforeRow(s, y0 + kBand + 1));
     long long above = 0;  // steps of the band above known to be done
     for (int t = 0; t < width + rows - 1; t++) {
       if (trails && above < std::min(t + kBand, aboveSteps))
