@@ -5,6 +5,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -363,6 +364,32 @@ TEST(Converged, ResultDoesNotDependOnTheThreadCount) {
   for (size_t r = 1; r < results.size(); r++)
     EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), sizeof(float) * results[0].size()), 0)
         << "run " << r;
+}
+
+// Columns settle after different numbers of iterations and leave the
+// solve then; each column's bits are those of solving it alone.
+TEST(Converged, EveryColumnIsSolvedAsIfAlone) {
+  const CTestScene scene = nearTieScene(5);
+  const NConverged::CLabelSystem system = NConverged::buildLabelSystem(
+      scene.image, scene.segmentations, scene.labels, scene.labelCount, CConvergedParameters());
+  const NConverged::CMultilevelSolver solver(system.mMatrix);
+  const int n = system.mMatrix.nodeCount();
+  const int labels = scene.labelCount;
+  std::vector<float> together(system.mRhs.size());
+  solver.solve(system.mRhs.data(), together.data(), labels, 1e-6f, 300);
+  std::vector<int> iterations;
+  for (int l = 0; l < labels; l++) {
+    std::vector<float> rhs(static_cast<size_t>(n));
+    for (int i = 0; i < n; i++) rhs[static_cast<size_t>(i)] = system.mRhs[static_cast<size_t>(i) * labels + l];
+    std::vector<float> alone(rhs.size());
+    iterations.push_back(solver.solve(rhs.data(), alone.data(), 1, 1e-6f, 300).mIterations);
+    for (int i = 0; i < n; i++)
+      ASSERT_EQ(std::memcmp(&alone[static_cast<size_t>(i)], &together[static_cast<size_t>(i) * labels + l], sizeof(float)), 0)
+          << "label " << l << " node " << i;
+  }
+  EXPECT_NE(*std::min_element(iterations.begin(), iterations.end()),
+            *std::max_element(iterations.begin(), iterations.end()))
+      << "the columns should settle at different iterations";
 }
 
 // The tool with --converged anywhere on the line: the usual files, every

@@ -309,74 +309,117 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
 }
 
+namespace {
+
+// Keeps the columns aKeep[0], aKeep[1], ... of the node-major aValues, which
+// has aColumns per node, in that order.
+void keepColumns(std::vector<float>& aValues, int aNodes, int aColumns, const std::vector<int>& aKeep) {
+  const int kept = static_cast<int>(aKeep.size());
+  for (int i = 0; i < aNodes; i++)
+    for (int c = 0; c < kept; c++)
+      aValues[static_cast<size_t>(i) * kept + c] = aValues[static_cast<size_t>(i) * aColumns + aKeep[static_cast<size_t>(c)]];
+  aValues.resize(static_cast<size_t>(aNodes) * kept);
+}
+
+}  // namespace
+
+void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
+  aWork.mColumns = aColumns;
+  aWork.mRhs.resize(mLevels.size());
+  aWork.mX.resize(mLevels.size());
+  for (size_t l = 0; l < mLevels.size(); l++) {
+    const size_t size = static_cast<size_t>(mLevels[l].mMatrix.nodeCount()) * aColumns;
+    // The finest level's residual and preconditioned residual carry over.
+    if (l > 0) aWork.mRhs[l].assign(size, 0.0f);
+    if (l > 0) aWork.mX[l].assign(size, 0.0f);
+  }
+  aWork.mResidual.assign(static_cast<size_t>(mLevels[0].mMatrix.nodeCount()) * aColumns, 0.0f);
+}
+
 CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance,
                                       int aMaxIterations) const {
   const int n = mLevels[0].mMatrix.nodeCount();
-  const size_t size = static_cast<size_t>(n) * aColumns;
+  // The columns still iterated, in their order; a column that has settled
+  // is written out and dropped, so that the others run on without its work.
+  std::vector<int> columnOf(static_cast<size_t>(aColumns));
+  for (int c = 0; c < aColumns; c++) columnOf[static_cast<size_t>(c)] = c;
+  int columns = aColumns;
   CWork work;
-  work.mColumns = aColumns;
-  for (const CLevel& level : mLevels) {
-    work.mRhs.emplace_back(static_cast<size_t>(level.mMatrix.nodeCount()) * aColumns);
-    work.mX.emplace_back(static_cast<size_t>(level.mMatrix.nodeCount()) * aColumns);
-  }
-  work.mResidual.resize(size);
+  work.mRhs.assign(mLevels.size(), {});
+  work.mX.assign(mLevels.size(), {});
+  work.mRhs[0].assign(aRhs, aRhs + static_cast<size_t>(n) * aColumns);
+  work.mX[0].assign(static_cast<size_t>(n) * aColumns, 0.0f);
+  prepare(work, columns);
 
   std::vector<float>& r = work.mRhs[0];
   std::vector<float>& z = work.mX[0];
-  std::vector<float> p(size);
-  std::vector<float> q(size);
-  float* x = aSolution;
-  std::fill(x, x + size, 0.0f);
-  std::copy(aRhs, aRhs + size, r.begin());
-
-  CSolveResult result;
-  std::vector<bool> active(static_cast<size_t>(aColumns), true);
-  // The preconditioned residual z = M r estimates the remaining error of
-  // every node in the units of the solution; a column stops once it is
-  // below the tolerance everywhere.
-  const auto settle = [&](int aIteration) {
-    std::vector<float> largest(static_cast<size_t>(aColumns), 0.0f);
-    for (size_t k = 0; k < size; k += static_cast<size_t>(aColumns))
-      for (int c = 0; c < aColumns; c++) largest[c] = std::max(largest[c], std::fabs(z[k + c]));
-    for (int c = 0; c < aColumns; c++) {
-      if (!active[c]) continue;
-      result.mIterations = std::max(result.mIterations, aIteration);
-      if (largest[c] <= aTolerance || aIteration == aMaxIterations) {
-        active[c] = false;
-        result.mLargestError = std::max(result.mLargestError, static_cast<double>(largest[c]));
-      }
-    }
-  };
+  std::vector<float> x(static_cast<size_t>(n) * aColumns, 0.0f);
+  std::vector<float> p;
+  std::vector<float> q(x.size());
   std::vector<double> rz;
   std::vector<double> pq;
-  std::vector<float> alpha(static_cast<size_t>(aColumns));
-  std::vector<float> beta(static_cast<size_t>(aColumns));
+  CSolveResult result;
+  // The preconditioned residual z = M r estimates the remaining error of
+  // every node in the units of the solution; a column stops once it is
+  // below the tolerance everywhere. Returns whether any column goes on.
+  const auto settle = [&](int aIteration) {
+    result.mIterations = std::max(result.mIterations, aIteration);
+    std::vector<float> largest(static_cast<size_t>(columns), 0.0f);
+    for (size_t k = 0; k < z.size(); k += static_cast<size_t>(columns))
+      for (int c = 0; c < columns; c++) largest[c] = std::max(largest[c], std::fabs(z[k + c]));
+    std::vector<int> keep;
+    for (int c = 0; c < columns; c++) {
+      if (largest[c] > aTolerance && aIteration < aMaxIterations) {
+        keep.push_back(c);
+        continue;
+      }
+      result.mLargestError = std::max(result.mLargestError, static_cast<double>(largest[c]));
+      for (int i = 0; i < n; i++)
+        aSolution[static_cast<size_t>(i) * aColumns + columnOf[static_cast<size_t>(c)]] = x[static_cast<size_t>(i) * columns + c];
+    }
+    if (static_cast<int>(keep.size()) == columns) return true;
+    for (std::vector<float>* values : {&x, &r, &z, &p, &q}) keepColumns(*values, n, columns, keep);
+    std::vector<int> kept;
+    std::vector<double> keptRz;
+    for (const int c : keep) {
+      kept.push_back(columnOf[static_cast<size_t>(c)]);
+      if (!rz.empty()) keptRz.push_back(rz[static_cast<size_t>(c)]);
+    }
+    columnOf = kept;
+    rz = keptRz;
+    columns = static_cast<int>(keep.size());
+    prepare(work, columns);
+    return columns > 0;
+  };
   cycle(0, work);
-  settle(0);
-  columnDots(r.data(), z.data(), n, aColumns, rz);
+  p.assign(x.size(), 0.0f);
+  if (!settle(0)) return result;
+  columnDots(r.data(), z.data(), n, columns, rz);
   p = z;
-  for (int iteration = 1; iteration <= aMaxIterations; iteration++) {
-    if (std::none_of(active.begin(), active.end(), [](bool a) { return a; })) break;
-    multiply(mLevels[0].mMatrix, p.data(), q.data(), aColumns);
-    columnDots(p.data(), q.data(), n, aColumns, pq);
-    for (int c = 0; c < aColumns; c++) alpha[c] = active[c] && pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
-    for (size_t k = 0; k < size; k += static_cast<size_t>(aColumns))
-      for (int c = 0; c < aColumns; c++) {
+  std::vector<float> alpha;
+  std::vector<float> beta;
+  for (int iteration = 1;; iteration++) {
+    multiply(mLevels[0].mMatrix, p.data(), q.data(), columns);
+    columnDots(p.data(), q.data(), n, columns, pq);
+    alpha.assign(static_cast<size_t>(columns), 0.0f);
+    for (int c = 0; c < columns; c++) alpha[c] = pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
+    for (size_t k = 0; k < x.size(); k += static_cast<size_t>(columns))
+      for (int c = 0; c < columns; c++) {
         x[k + c] += alpha[c] * p[k + c];
         r[k + c] -= alpha[c] * q[k + c];
       }
     cycle(0, work);
-    settle(iteration);
+    if (!settle(iteration)) return result;
     std::vector<double> rzNew;
-    columnDots(r.data(), z.data(), n, aColumns, rzNew);
-    for (int c = 0; c < aColumns; c++) {
-      beta[c] = active[c] && rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
+    columnDots(r.data(), z.data(), n, columns, rzNew);
+    beta.assign(static_cast<size_t>(columns), 0.0f);
+    for (int c = 0; c < columns; c++) {
+      beta[c] = rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
       rz[c] = rzNew[c];
     }
-    for (size_t k = 0; k < size; k += static_cast<size_t>(aColumns))
-      for (int c = 0; c < aColumns; c++) p[k + c] = z[k + c] + beta[c] * p[k + c];
+    for (size_t k = 0; k < x.size(); k += static_cast<size_t>(columns))
+      for (int c = 0; c < columns; c++) p[k + c] = z[k + c] + beta[c] * p[k + c];
   }
-  return result;
 }
 
 }  // namespace NConverged

@@ -22,8 +22,9 @@ public:
 
   // Solves A X = B for aColumns right-hand sides stored node-major
   // (aRhs[i * aColumns + c]) into aSolution, laid out alike. Every column is
-  // iterated on its own until |r| <= aTolerance * |b|; its result does not
-  // depend on the other columns.
+  // iterated until its preconditioned residual is at most aTolerance at every
+  // node and then leaves the solve, so the others go on without its work;
+  // its result does not depend on the other columns.
   CSolveResult solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance, int aMaxIterations) const;
 
   int levelCount() const { return static_cast<int>(mLevels.size()); }
@@ -37,6 +38,8 @@ private:
   };
   struct CWork;
 
+  // Sizes aWork's coarse levels and residual for aColumns columns.
+  void prepare(CWork& aWork, int aColumns) const;
   void factorCoarsest();
   void cycle(int aLevel, CWork& aWork) const;
   void solveCoarsest(CWork& aWork) const;
