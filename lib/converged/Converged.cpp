@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "CMultilevelSolver.h"
 #include "LabelSystem.h"
@@ -12,12 +13,20 @@ namespace NConverged {
 CTensor<float> solveConverged(const CTensor<float>& aImage, const std::vector<CTensor<float>>& aSegmentations,
                               const CMatrix<int>& aLabelOf, int aLabelCount, const CConvergedParameters& aParameters,
                               CConvergedReport* aReport) {
-  const CLabelSystem system = buildLabelSystem(aImage, aSegmentations, aLabelOf, aLabelCount, aParameters);
+  CLabelSystem system = buildLabelSystem(aImage, aSegmentations, aLabelOf, aLabelCount, aParameters);
   const int unknowns = system.mMatrix.nodeCount();
-  const CMultilevelSolver solver(system.mMatrix);
-  std::vector<float> degrees(static_cast<size_t>(unknowns) * aLabelCount);
+  // The solver keeps the only copy of the matrix.
+  const CMultilevelSolver solver(std::move(system.mMatrix));
+  const int width = aImage.xSize();
+  const int height = aImage.ySize();
+  const int n = width * height;
+  CTensor<float> result(width, height, aLabelCount, 0.0f);
+  float* out = result.data();
+  for (int i = 0; i < n; i++)
+    if (system.mUnknownOfPixel[static_cast<size_t>(i)] < 0) out[i + static_cast<size_t>(aLabelOf.data()[i]) * n] = 1.0f;
   // Every label is solved on its own, so sharing them out among the threads
-  // in contiguous groups leaves each label's bits as they are.
+  // in contiguous groups leaves each label's bits as they are; each group
+  // writes the planes of its own labels.
   const int groups = std::max(1, std::min(aLabelCount, omp_get_max_threads()));
   std::vector<CSolveResult> results(static_cast<size_t>(groups));
 #pragma omp parallel for schedule(static, 1)
@@ -25,32 +34,19 @@ CTensor<float> solveConverged(const CTensor<float>& aImage, const std::vector<CT
     const int first = g * aLabelCount / groups;
     const int columns = (g + 1) * aLabelCount / groups - first;
     std::vector<float> rhs(static_cast<size_t>(unknowns) * columns);
-    std::vector<float> x(rhs.size());
     for (int i = 0; i < unknowns; i++)
       for (int c = 0; c < columns; c++)
         rhs[static_cast<size_t>(i) * columns + c] = system.mRhs[static_cast<size_t>(i) * aLabelCount + first + c];
+    std::vector<float> x(rhs.size());
     results[static_cast<size_t>(g)] =
         solver.solve(rhs.data(), x.data(), columns, aParameters.mTolerance, aParameters.mMaxIterations);
-    for (int i = 0; i < unknowns; i++)
+    for (int i = 0; i < n; i++) {
+      const int unknown = system.mUnknownOfPixel[static_cast<size_t>(i)];
+      if (unknown < 0) continue;
+      // The exact solution lies in [0, 1]; the iteration may overshoot by its tolerance.
       for (int c = 0; c < columns; c++)
-        degrees[static_cast<size_t>(i) * aLabelCount + first + c] = x[static_cast<size_t>(i) * columns + c];
-  }
-
-  const int width = aImage.xSize();
-  const int height = aImage.ySize();
-  CTensor<float> result(width, height, aLabelCount, 0.0f);
-  const int n = width * height;
-  float* out = result.data();
-  for (int i = 0; i < n; i++) {
-    const int unknown = system.mUnknownOfPixel[static_cast<size_t>(i)];
-    if (unknown < 0) {
-      out[i + static_cast<size_t>(aLabelOf.data()[i]) * n] = 1.0f;
-      continue;
+        out[i + static_cast<size_t>(first + c) * n] = std::clamp(x[static_cast<size_t>(unknown) * columns + c], 0.0f, 1.0f);
     }
-    // The exact solution lies in [0, 1]; the iteration may overshoot by its tolerance.
-    for (int l = 0; l < aLabelCount; l++)
-      out[i + static_cast<size_t>(l) * n] =
-          std::clamp(degrees[static_cast<size_t>(unknown) * aLabelCount + l], 0.0f, 1.0f);
   }
   if (aReport != nullptr) {
     aReport->mUnknowns = unknowns;
