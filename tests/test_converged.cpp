@@ -103,25 +103,40 @@ TEST(Converged, TextureRadiusGrowsWithTheSideAndIsAtLeastOne) {
 }
 
 // Columns alternating between two greys: inside, the window mean is their
-// mean and the deviation half their difference in every channel; a flat
-// image has no deviation.
+// mean and the deviation half their difference in every channel, and the
+// orientation energy lies across the stripes only; checks of the same greys
+// have it along both axes and in the mixed term; a flat image has neither
+// deviation nor orientation.
 TEST(Converged, TextureFeaturesOfStripesAreConstantInside) {
   const int w = 30;
   const int h = 20;
   std::vector<float> stripes;
   for (int i = 0; i < w * h; i++) stripes.push_back((i % w) % 2 == 0 ? 60.0f : 140.0f);
-  const NConverged::CTextureFeatures features = NConverged::textureFeatures(greyImage(w, h, stripes), 3);
-  for (int c = 0; c < 3; c++)
-    for (const int x : {12, 13})
-      for (const int y : {0, 10}) {
-        EXPECT_NEAR(features.plane(c)[x + y * w], 100.0, 2.0) << x << "," << y;
-        EXPECT_NEAR(features.plane(c + 3)[x + y * w], 40.0, 1.0) << x << "," << y;
+  std::vector<float> checks;
+  for (int i = 0; i < w * h; i++) checks.push_back(((i % w) + (i / w)) % 2 == 0 ? 60.0f : 140.0f);
+  const NConverged::CTextureFeatures features = NConverged::textureFeatures(greyImage(w, h, stripes), 3, 0.5f);
+  const NConverged::CTextureFeatures checked = NConverged::textureFeatures(greyImage(w, h, checks), 3, 0.5f);
+  for (const int x : {12, 13})
+    for (const int y : {4, 9}) {
+      const int i = x + y * w;
+      for (int c = 0; c < 3; c++) {
+        EXPECT_NEAR(features.plane(c)[i], 100.0, 2.0) << x << "," << y;
+        EXPECT_NEAR(features.plane(c + 3)[i], 40.0, 1.0) << x << "," << y;
       }
+      // Forward differences of +-80, weighted by one half.
+      EXPECT_NEAR(features.plane(6)[i], 40.0, 1e-6);
+      EXPECT_NEAR(features.plane(7)[i], 0.0, 1e-6);
+      EXPECT_NEAR(features.plane(8)[i], 0.0, 1e-6);
+      EXPECT_NEAR(checked.plane(6)[i], 40.0, 1e-6);
+      EXPECT_NEAR(checked.plane(7)[i], 40.0, 1e-6);
+      EXPECT_NEAR(checked.plane(8)[i], 40.0, 1e-6);
+    }
   const NConverged::CTextureFeatures flat =
-      NConverged::textureFeatures(greyImage(w, h, std::vector<float>(static_cast<size_t>(w * h), 77.0f)), 3);
+      NConverged::textureFeatures(greyImage(w, h, std::vector<float>(static_cast<size_t>(w * h), 77.0f)), 3, 1.0f);
   for (int i = 0; i < w * h; i++) {
     EXPECT_NEAR(flat.plane(0)[i], 77.0, 1e-9);
     EXPECT_NEAR(flat.plane(3)[i], 0.0, 1e-6);
+    for (int c = 6; c < 9; c++) EXPECT_NEAR(flat.plane(c)[i], 0.0, 1e-9);
   }
 }
 

@@ -18,6 +18,9 @@ struct CConvergedParameters {
   // side). Pixel edges compare the texture features (TextureFeatures.h);
   // 0 compares the plain colours instead.
   float mTextureRadius = 4.0f;
+  // Weight of the orientation features against the colour means and
+  // deviations; it lets stripes and checks of one colour be told apart.
+  float mOrientationWeight = 2.0f;
   // Pixel edges weigh exp(-beta * d / mean d), d the squared distance of
   // the two pixels' features (or colours).
   float mBeta = 8.0f;
@@ -25,7 +28,7 @@ struct CConvergedParameters {
   // region's mean or of a region's mean to its parent's: the squared
   // distance of the texture features over its mean plus that of the colours
   // over theirs.
-  float mGate = 1.0f;
+  float mGate = 1.5f;
   // Weight of a pixel's link to its finest region at 320x240; it falls with
   // the square root of the pixel count so that it keeps its share against
   // region boundaries, whose length grows with the resolution.

@@ -197,7 +197,7 @@ CLabelSystem buildLabelSystem(const CTensor<float>& aImage, const std::vector<CT
   CPixelValues values;
   const int radius = textureRadius(n, aParameters.mTextureRadius);
   if (radius > 0) {
-    features = textureFeatures(aImage, radius);
+    features = textureFeatures(aImage, radius, aParameters.mOrientationWeight);
     for (int c = 0; c < CTextureFeatures::kPlanes; c++) values.mPlanes.push_back(features.plane(c));
     values.mGroupEnd.push_back(values.channels());
   }

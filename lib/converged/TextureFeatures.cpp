@@ -26,6 +26,43 @@ void boxPass(double* aValues, int aCount, int aLength, size_t aStride, size_t aS
   }
 }
 
+// A signed square root, so that the products of differences have the units
+// of the differences themselves, like the deviations.
+double signedRoot(double aValue) { return aValue >= 0 ? std::sqrt(aValue) : -std::sqrt(-aValue); }
+
+// The orientation planes: the window means of gx^2, gy^2 and gx*gy of the
+// grey image (the mean of the channels), g its forward differences (zero at
+// the far border). Forward differences see the finest checks, whose central
+// differences vanish.
+void addOrientation(const CTensor<float>& aImage, int aRadius, float aWeight, double* aPlanes) {
+  const int width = aImage.xSize();
+  const int height = aImage.ySize();
+  const size_t n = static_cast<size_t>(width) * height;
+  std::vector<double> grey(n);
+  for (size_t i = 0; i < n; i++)
+    grey[i] = (static_cast<double>(aImage.data()[i]) + aImage.data()[i + n] + aImage.data()[i + 2 * n]) / 3.0;
+  std::vector<double> xx(n);
+  std::vector<double> yy(n);
+  std::vector<double> xy(n);
+  for (int y = 0; y < height; y++)
+    for (int x = 0; x < width; x++) {
+      const size_t i = x + static_cast<size_t>(y) * width;
+      const double gx = x + 1 < width ? grey[i + 1] - grey[i] : 0.0;
+      const double gy = y + 1 < height ? grey[i + width] - grey[i] : 0.0;
+      xx[i] = gx * gx;
+      yy[i] = gy * gy;
+      xy[i] = gx * gy;
+    }
+  smoothPlane(xx, width, height, aRadius);
+  smoothPlane(yy, width, height, aRadius);
+  smoothPlane(xy, width, height, aRadius);
+  for (size_t i = 0; i < n; i++) {
+    aPlanes[i] = aWeight * std::sqrt(std::max(0.0, xx[i]));
+    aPlanes[i + n] = aWeight * std::sqrt(std::max(0.0, yy[i]));
+    aPlanes[i + 2 * n] = aWeight * signedRoot(xy[i]);
+  }
+}
+
 }  // namespace
 
 int textureRadius(int aPixels, float aRadiusAt320x240) {
@@ -41,7 +78,7 @@ void smoothPlane(std::vector<double>& aPlane, int aWidth, int aHeight, int aRadi
   }
 }
 
-CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius) {
+CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius, float aOrientationWeight) {
   const int width = aImage.xSize();
   const int height = aImage.ySize();
   const size_t n = static_cast<size_t>(width) * height;
@@ -61,6 +98,7 @@ CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius) {
       deviation[i] = std::sqrt(std::max(0.0, square[i] - plane[i] * plane[i]));
     }
   }
+  addOrientation(aImage, aRadius, aOrientationWeight, features.mPlanes.data() + 6 * n);
   return features;
 }
 

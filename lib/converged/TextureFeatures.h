@@ -1,7 +1,9 @@
 // A description of every pixel's neighbourhood that stays constant inside a
 // regular texture, so that stripes, checks and blotches look like one region
 // while a change of colour or of texture still shows: the window mean and the
-// window standard deviation of every colour channel.
+// window standard deviation of every colour channel, and the window's
+// orientation energy (the structure tensor of the grey image), which tells
+// stripes from checks of the same colours and contrast.
 #pragma once
 
 #include <vector>
@@ -12,7 +14,10 @@ namespace NConverged {
 
 // Planes of one value per pixel (x fastest), one after the other.
 struct CTextureFeatures {
-  static constexpr int kPlanes = 6;  // mean of R, G, B, then their standard deviations
+  // Mean of R, G, B; their standard deviations; then the root of the window
+  // means of gx^2, gy^2 and (signed) gx*gy, g the grey image's forward
+  // differences, times the orientation weight.
+  static constexpr int kPlanes = 9;
   std::vector<double> mPlanes;
   int mPixels = 0;
   const double* plane(int aPlane) const { return mPlanes.data() + static_cast<size_t>(aPlane) * mPixels; }
@@ -28,7 +33,8 @@ int textureRadius(int aPixels, float aRadiusAt320x240);
 // a box of side 2 aRadius + 1 (clipped at the borders), close to a Gaussian.
 void smoothPlane(std::vector<double>& aPlane, int aWidth, int aHeight, int aRadius);
 
-// The features of aImage (XxYx3) for windows of radius aRadius >= 1.
-CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius);
+// The features of aImage (XxYx3) for windows of radius aRadius >= 1; the
+// orientation planes are scaled by aOrientationWeight.
+CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius, float aOrientationWeight);
 
 }  // namespace NConverged
