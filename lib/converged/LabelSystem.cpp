@@ -66,18 +66,25 @@ CRegions findRegions(const CTensor<float>& aSegmentation, const CPixelValues& aV
   CRegions regions;
   regions.mOfPixel.resize(static_cast<size_t>(n));
   std::unordered_map<long long, int> idOfColour;
+  // Neighbouring pixels mostly share their region: the last colour's number
+  // is kept at hand.
+  long long lastKey = -1;
+  int lastId = -1;
   for (int i = 0; i < n; i++) {
     const long long key = (static_cast<long long>(seg[i]) << 16) | (static_cast<long long>(seg[i + n]) << 8) |
                           static_cast<long long>(seg[i + 2 * n]);
-    const auto found = idOfColour.emplace(key, regions.count());
-    if (found.second) {
-      regions.mSize.push_back(0);
-      regions.mMean.insert(regions.mMean.end(), static_cast<size_t>(channels), 0.0);
+    if (key != lastKey) {
+      const auto found = idOfColour.emplace(key, regions.count());
+      if (found.second) {
+        regions.mSize.push_back(0);
+        regions.mMean.insert(regions.mMean.end(), static_cast<size_t>(channels), 0.0);
+      }
+      lastKey = key;
+      lastId = found.first->second;
     }
-    const int id = found.first->second;
-    regions.mOfPixel[static_cast<size_t>(i)] = id;
-    regions.mSize[static_cast<size_t>(id)]++;
-    for (int c = 0; c < channels; c++) regions.mMean[static_cast<size_t>(channels * id + c)] += aValues.mPlanes[c][i];
+    regions.mOfPixel[static_cast<size_t>(i)] = lastId;
+    regions.mSize[static_cast<size_t>(lastId)]++;
+    for (int c = 0; c < channels; c++) regions.mMean[static_cast<size_t>(channels * lastId + c)] += aValues.mPlanes[c][i];
   }
   for (int r = 0; r < regions.count(); r++)
     for (int c = 0; c < channels; c++)
@@ -89,7 +96,13 @@ CRegions findRegions(const CTensor<float>& aSegmentation, const CPixelValues& aV
 // first such on a tie), so that segmentations need not be nested.
 std::vector<int> parentsOf(const CRegions& aFine, const CRegions& aCoarse) {
   std::vector<std::unordered_map<int, int>> overlap(static_cast<size_t>(aFine.count()));
-  for (size_t i = 0; i < aFine.mOfPixel.size(); i++) overlap[static_cast<size_t>(aFine.mOfPixel[i])][aCoarse.mOfPixel[i]]++;
+  // Counted by runs of pixels that share both regions.
+  const size_t n = aFine.mOfPixel.size();
+  for (size_t start = 0, end = 0; start < n; start = end) {
+    for (end = start + 1; end < n && aFine.mOfPixel[end] == aFine.mOfPixel[start] && aCoarse.mOfPixel[end] == aCoarse.mOfPixel[start];)
+      end++;
+    overlap[static_cast<size_t>(aFine.mOfPixel[start])][aCoarse.mOfPixel[start]] += static_cast<int>(end - start);
+  }
   std::vector<int> parent(static_cast<size_t>(aFine.count()));
   for (size_t r = 0; r < overlap.size(); r++) {
     int best = -1;

@@ -9,20 +9,49 @@ namespace NConverged {
 
 namespace {
 
-// One pass of the clipped box mean along aCount lines of aLength values,
-// aStride apart, with aStep between the values of a line.
-void boxPass(double* aValues, int aCount, int aLength, size_t aStride, size_t aStep, int aRadius,
-             std::vector<double>& aPrefix) {
-  aPrefix.resize(static_cast<size_t>(aLength) + 1);
-  for (int l = 0; l < aCount; l++) {
-    double* line = aValues + static_cast<size_t>(l) * aStride;
+// The clipped box mean along every row: each value becomes the mean of the
+// values at most aRadius before and after it in its row, from prefix sums.
+void rowPass(double* aValues, int aWidth, int aHeight, int aRadius, std::vector<double>& aPrefix) {
+  aPrefix.resize(static_cast<size_t>(aWidth) + 1);
+  for (int y = 0; y < aHeight; y++) {
+    double* row = aValues + static_cast<size_t>(y) * aWidth;
     aPrefix[0] = 0.0;
-    for (int i = 0; i < aLength; i++) aPrefix[static_cast<size_t>(i) + 1] = aPrefix[static_cast<size_t>(i)] + line[i * aStep];
-    for (int i = 0; i < aLength; i++) {
-      const int low = std::max(0, i - aRadius);
-      const int high = std::min(aLength, i + aRadius + 1);
-      line[i * aStep] = (aPrefix[static_cast<size_t>(high)] - aPrefix[static_cast<size_t>(low)]) / (high - low);
+    for (int x = 0; x < aWidth; x++) aPrefix[static_cast<size_t>(x) + 1] = aPrefix[static_cast<size_t>(x)] + row[x];
+    for (int x = 0; x < aWidth; x++) {
+      const int low = std::max(0, x - aRadius);
+      const int high = std::min(aWidth, x + aRadius + 1);
+      row[x] = (aPrefix[static_cast<size_t>(high)] - aPrefix[static_cast<size_t>(low)]) / (high - low);
     }
+  }
+}
+
+// The same along every column. The prefix sums of all columns are formed
+// row after row, so that memory is walked in its order; each column's sums
+// and means are those of the row pass applied to it.
+void columnPass(double* aValues, int aWidth, int aHeight, int aRadius, std::vector<double>& aPrefix) {
+  const size_t width = static_cast<size_t>(aWidth);
+  aPrefix.resize(width * (static_cast<size_t>(aHeight) + 1));
+  std::fill(aPrefix.begin(), aPrefix.begin() + static_cast<std::ptrdiff_t>(width), 0.0);
+  for (int y = 0; y < aHeight; y++) {
+    const double* above = &aPrefix[static_cast<size_t>(y) * width];
+    double* below = &aPrefix[(static_cast<size_t>(y) + 1) * width];
+    const double* row = aValues + static_cast<size_t>(y) * width;
+    for (size_t x = 0; x < width; x++) below[x] = above[x] + row[x];
+  }
+  for (int y = 0; y < aHeight; y++) {
+    const int low = std::max(0, y - aRadius);
+    const int high = std::min(aHeight, y + aRadius + 1);
+    const double* lowSums = &aPrefix[static_cast<size_t>(low) * width];
+    const double* highSums = &aPrefix[static_cast<size_t>(high) * width];
+    double* row = aValues + static_cast<size_t>(y) * width;
+    for (size_t x = 0; x < width; x++) row[x] = (highSums[x] - lowSums[x]) / (high - low);
+  }
+}
+
+void smooth(double* aPlane, int aWidth, int aHeight, int aRadius, std::vector<double>& aPrefix) {
+  for (int pass = 0; pass < 3; pass++) {
+    rowPass(aPlane, aWidth, aHeight, aRadius, aPrefix);
+    columnPass(aPlane, aWidth, aHeight, aRadius, aPrefix);
   }
 }
 
@@ -30,37 +59,26 @@ void boxPass(double* aValues, int aCount, int aLength, size_t aStride, size_t aS
 // of the differences themselves, like the deviations.
 double signedRoot(double aValue) { return aValue >= 0 ? std::sqrt(aValue) : -std::sqrt(-aValue); }
 
-// The orientation planes: the window means of gx^2, gy^2 and gx*gy of the
-// grey image (the mean of the channels), g its forward differences (zero at
-// the far border). Forward differences see the finest checks, whose central
-// differences vanish.
-void addOrientation(const CTensor<float>& aImage, int aRadius, float aWeight, double* aPlanes) {
+// Fills planes 6, 7 and 8 with gx^2, gy^2 and gx*gy of the grey image (the
+// mean of the channels), g its forward differences (zero at the far border).
+// Forward differences see the finest checks, whose central differences
+// vanish.
+void orientationProducts(const CTensor<float>& aImage, double* aPlanes) {
   const int width = aImage.xSize();
   const int height = aImage.ySize();
   const size_t n = static_cast<size_t>(width) * height;
   std::vector<double> grey(n);
   for (size_t i = 0; i < n; i++)
     grey[i] = (static_cast<double>(aImage.data()[i]) + aImage.data()[i + n] + aImage.data()[i + 2 * n]) / 3.0;
-  std::vector<double> xx(n);
-  std::vector<double> yy(n);
-  std::vector<double> xy(n);
   for (int y = 0; y < height; y++)
     for (int x = 0; x < width; x++) {
       const size_t i = x + static_cast<size_t>(y) * width;
       const double gx = x + 1 < width ? grey[i + 1] - grey[i] : 0.0;
       const double gy = y + 1 < height ? grey[i + width] - grey[i] : 0.0;
-      xx[i] = gx * gx;
-      yy[i] = gy * gy;
-      xy[i] = gx * gy;
+      aPlanes[6 * n + i] = gx * gx;
+      aPlanes[7 * n + i] = gy * gy;
+      aPlanes[8 * n + i] = gx * gy;
     }
-  smoothPlane(xx, width, height, aRadius);
-  smoothPlane(yy, width, height, aRadius);
-  smoothPlane(xy, width, height, aRadius);
-  for (size_t i = 0; i < n; i++) {
-    aPlanes[i] = aWeight * std::sqrt(std::max(0.0, xx[i]));
-    aPlanes[i + n] = aWeight * std::sqrt(std::max(0.0, yy[i]));
-    aPlanes[i + 2 * n] = aWeight * signedRoot(xy[i]);
-  }
 }
 
 }  // namespace
@@ -72,10 +90,7 @@ int textureRadius(int aPixels, float aRadiusAt320x240) {
 
 void smoothPlane(std::vector<double>& aPlane, int aWidth, int aHeight, int aRadius) {
   std::vector<double> prefix;
-  for (int pass = 0; pass < 3; pass++) {
-    boxPass(aPlane.data(), aHeight, aWidth, static_cast<size_t>(aWidth), 1, aRadius, prefix);
-    boxPass(aPlane.data(), aWidth, aHeight, 1, static_cast<size_t>(aWidth), aRadius, prefix);
-  }
+  smooth(aPlane.data(), aWidth, aHeight, aRadius, prefix);
 }
 
 CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius, float aOrientationWeight) {
@@ -85,20 +100,33 @@ CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius, floa
   CTextureFeatures features;
   features.mPixels = static_cast<int>(n);
   features.mPlanes.resize(CTextureFeatures::kPlanes * n);
-  std::vector<double> square(n);
-  for (int c = 0; c < 3; c++) {
-    double* mean = features.mPlanes.data() + c * n;
-    double* deviation = features.mPlanes.data() + (c + 3) * n;
-    std::vector<double> plane(aImage.data() + c * n, aImage.data() + (c + 1) * n);
-    for (size_t i = 0; i < n; i++) square[i] = plane[i] * plane[i];
-    smoothPlane(plane, width, height, aRadius);
-    smoothPlane(square, width, height, aRadius);
+  double* planes = features.mPlanes.data();
+  // Every plane holds the values whose window mean it needs: the channels,
+  // their squares and the orientation products; the planes are smoothed
+  // independently, so sharing them among threads leaves the bits alone.
+  for (int c = 0; c < 3; c++)
     for (size_t i = 0; i < n; i++) {
-      mean[i] = plane[i];
-      deviation[i] = std::sqrt(std::max(0.0, square[i] - plane[i] * plane[i]));
+      const double value = aImage.data()[c * n + i];
+      planes[c * n + i] = value;
+      planes[(c + 3) * n + i] = value * value;
     }
+  orientationProducts(aImage, planes);
+#pragma omp parallel
+  {
+    std::vector<double> prefix;
+#pragma omp for schedule(dynamic, 1)
+    for (int p = 0; p < CTextureFeatures::kPlanes; p++) smooth(planes + p * n, width, height, aRadius, prefix);
   }
-  addOrientation(aImage, aRadius, aOrientationWeight, features.mPlanes.data() + 6 * n);
+  for (int c = 0; c < 3; c++)
+    for (size_t i = 0; i < n; i++) {
+      const double mean = planes[c * n + i];
+      planes[(c + 3) * n + i] = std::sqrt(std::max(0.0, planes[(c + 3) * n + i] - mean * mean));
+    }
+  for (size_t i = 0; i < n; i++) {
+    planes[6 * n + i] = aOrientationWeight * std::sqrt(std::max(0.0, planes[6 * n + i]));
+    planes[7 * n + i] = aOrientationWeight * std::sqrt(std::max(0.0, planes[7 * n + i]));
+    planes[8 * n + i] = aOrientationWeight * signedRoot(planes[8 * n + i]);
+  }
   return features;
 }
 
