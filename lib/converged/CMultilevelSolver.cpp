@@ -206,6 +206,49 @@ void sweptResidualRows(const CSparseGraph& aMatrix, const float* aX, float* aOut
   }
 }
 
+// aCoarse[group of i] += aFine[i] over the nodes i that have a group.
+template <int kColumns>
+void restrictRows(const std::vector<int>& aGroup, const float* aFine, float* aCoarse, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  for (size_t i = 0; i < aGroup.size(); i++) {
+    const int g = aGroup[i];
+    if (g < 0) continue;
+    for (int c = 0; c < columns; c++) aCoarse[static_cast<size_t>(g) * columns + c] += aFine[i * columns + c];
+  }
+}
+
+// aFine[i] += aCoarse[group of i] over the nodes i that have a group.
+template <int kColumns>
+void prolongRows(const std::vector<int>& aGroup, const float* aCoarse, float* aFine, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  for (size_t i = 0; i < aGroup.size(); i++) {
+    const int g = aGroup[i];
+    if (g < 0) continue;
+    for (int c = 0; c < columns; c++) aFine[i * columns + c] += aCoarse[static_cast<size_t>(g) * columns + c];
+  }
+}
+
+// The conjugate gradient step: x += alpha p and r -= alpha q, per column.
+template <int kColumns>
+void stepRows(const float* aAlpha, const float* aP, const float* aQ, float* aX, float* aR, int aNodes, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  const size_t size = static_cast<size_t>(aNodes) * columns;
+  for (size_t k = 0; k < size; k += static_cast<size_t>(columns))
+    for (int c = 0; c < columns; c++) {
+      aX[k + c] += aAlpha[c] * aP[k + c];
+      aR[k + c] -= aAlpha[c] * aQ[k + c];
+    }
+}
+
+// The next search direction: p = z + beta p, per column.
+template <int kColumns>
+void directionRows(const float* aBeta, const float* aZ, float* aP, int aNodes, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  const size_t size = static_cast<size_t>(aNodes) * columns;
+  for (size_t k = 0; k < size; k += static_cast<size_t>(columns))
+    for (int c = 0; c < columns; c++) aP[k + c] = aZ[k + c] + aBeta[c] * aP[k + c];
+}
+
 // Calls aKernel<k>(...) with k = aColumns for small counts, else k = 0.
 #define TARNWICK_DISPATCH_COLUMNS(aKernel, aColumns, ...) \
   switch (aColumns) {                                     \
@@ -232,6 +275,22 @@ void multiply(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aCo
 
 void sweptResidual(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
   TARNWICK_DISPATCH_COLUMNS(sweptResidualRows, aColumns, aMatrix, aX, aOut, aColumns)
+}
+
+void restrictToGroups(const std::vector<int>& aGroup, const float* aFine, float* aCoarse, int aColumns) {
+  TARNWICK_DISPATCH_COLUMNS(restrictRows, aColumns, aGroup, aFine, aCoarse, aColumns)
+}
+
+void prolongFromGroups(const std::vector<int>& aGroup, const float* aCoarse, float* aFine, int aColumns) {
+  TARNWICK_DISPATCH_COLUMNS(prolongRows, aColumns, aGroup, aCoarse, aFine, aColumns)
+}
+
+void step(const float* aAlpha, const float* aP, const float* aQ, float* aX, float* aR, int aNodes, int aColumns) {
+  TARNWICK_DISPATCH_COLUMNS(stepRows, aColumns, aAlpha, aP, aQ, aX, aR, aNodes, aColumns)
+}
+
+void newDirection(const float* aBeta, const float* aZ, float* aP, int aNodes, int aColumns) {
+  TARNWICK_DISPATCH_COLUMNS(directionRows, aColumns, aBeta, aZ, aP, aNodes, aColumns)
 }
 
 // Per column the sum of aA * aB over the nodes, in node order.
@@ -347,19 +406,9 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   sweptResidual(level.mMatrix, x, residual, columns);
   std::vector<float>& coarseRhs = aWork.mRhs[aLevel + 1];
   std::fill(coarseRhs.begin(), coarseRhs.end(), 0.0f);
-  for (int i = 0; i < n; i++) {
-    const int g = level.mAggregate[i];
-    if (g < 0) continue;
-    for (int c = 0; c < columns; c++)
-      coarseRhs[static_cast<size_t>(g) * columns + c] += residual[static_cast<size_t>(i) * columns + c];
-  }
+  restrictToGroups(level.mAggregate, residual, coarseRhs.data(), columns);
   cycle(aLevel + 1, aWork);
-  const float* coarseX = aWork.mX[aLevel + 1].data();
-  for (int i = 0; i < n; i++) {
-    const int g = level.mAggregate[i];
-    if (g < 0) continue;
-    for (int c = 0; c < columns; c++) x[static_cast<size_t>(i) * columns + c] += coarseX[static_cast<size_t>(g) * columns + c];
-  }
+  prolongFromGroups(level.mAggregate, aWork.mX[aLevel + 1].data(), x, columns);
   relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
 }
 
@@ -458,11 +507,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
     columnDots(p.data(), q.data(), n, columns, pq);
     alpha.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) alpha[c] = pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
-    for (size_t k = 0; k < static_cast<size_t>(n) * columns; k += static_cast<size_t>(columns))
-      for (int c = 0; c < columns; c++) {
-        x[k + c] += alpha[c] * p[k + c];
-        r[k + c] -= alpha[c] * q[k + c];
-      }
+    step(alpha.data(), p.data(), q.data(), x.data(), r.data(), n, columns);
     cycle(0, work);
     if (!settle(iteration)) return result;
     std::vector<double> rzNew;
@@ -472,8 +517,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
       beta[c] = rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
       rz[c] = rzNew[c];
     }
-    for (size_t k = 0; k < static_cast<size_t>(n) * columns; k += static_cast<size_t>(columns))
-      for (int c = 0; c < columns; c++) p[k + c] = z[k + c] + beta[c] * p[k + c];
+    newDirection(beta.data(), z.data(), p.data(), n, columns);
   }
 }
 
