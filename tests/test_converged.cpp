@@ -365,9 +365,9 @@ TEST(Converged, LabelledPixelsKeepTheirLabel) {
 }
 
 // Labels are shared out among the threads in groups; each label's bits must
-// not depend on the group it lands in. Groups of three labels are worked in
-// four-lane registers, the others by the plain loops, so this also holds the
-// lane kernels to the plain ones bit for bit.
+// not depend on the group it lands in. Groups of three or more labels are
+// worked in four-lane registers, smaller ones by the plain loops, so this
+// also holds the lane kernels to the plain ones bit for bit.
 TEST(Converged, ResultDoesNotDependOnTheThreadCount) {
   const CTestScene scene = nearTieScene(7);
   const int before = omp_get_max_threads();

@@ -94,13 +94,12 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
 }
 
 // Node-major arrays of values carry this many floats beyond their last node,
-// so that the three-column kernels may load four lanes at every node.
+// so that the kernels may load four lanes at every node of three columns.
 constexpr size_t kSlack = 1;
 
 size_t valuesSize(int aNodes, int aColumns) { return static_cast<size_t>(aNodes) * aColumns + kSlack; }
 
-// Four floats in one register. Three columns are worked in four lanes, the
-// fourth lane's result unused: each lane does exactly the operations of the
+// Four floats in one register. Each lane does exactly the operations of the
 // scalar loop, so the bits are those of the plain path.
 typedef float CLane4 __attribute__((vector_size(16)));
 
@@ -112,7 +111,28 @@ CLane4 load4(const float* aValues) {
 
 CLane4 broadcast4(float aValue) { return CLane4{aValue, aValue, aValue, aValue}; }
 
-void store3(float* aValues, CLane4 aLanes) { std::memcpy(aValues, &aLanes, 3 * sizeof(float)); }
+// A node's columns in registers of four lanes: kColumns >= 3 columns take
+// kGroups registers, the last starting four columns before the end (so two
+// registers may share columns and compute them alike); three columns take
+// one register whose fourth lane reads the next node's first column or the
+// slack and is never stored.
+template <int kColumns>
+struct CNodeLanes {
+  static constexpr int kGroups = (kColumns + 3) / 4;
+  static constexpr int start(int aGroup) { return kColumns < 4 ? 0 : std::min(4 * aGroup, kColumns - 4); }
+  CLane4 mLanes[kGroups];
+
+  void load(const float* aValues) {
+    for (int g = 0; g < kGroups; g++) mLanes[g] = load4(aValues + start(g));
+  }
+  void fill(float aValue) {
+    for (int g = 0; g < kGroups; g++) mLanes[g] = broadcast4(aValue);
+  }
+  void store(float* aValues) const {
+    for (int g = 0; g < kGroups; g++)
+      std::memcpy(aValues + start(g), &mLanes[g], (kColumns < 4 ? kColumns : 4) * sizeof(float));
+  }
+};
 
 // The kernels below take the column count as a template argument where it
 // is small (0: given at run time) so that the per-column loops unroll; every
@@ -125,13 +145,21 @@ void relaxRows(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDi
   std::vector<float> runtimeSum(kColumns > 0 ? 0 : static_cast<size_t>(columns));
   float* sum = kColumns > 0 ? fixedSum : runtimeSum.data();
   const int n = aMatrix.nodeCount();
-  if constexpr (kColumns == 3) {
+  if constexpr (kColumns >= 3) {
+    using CLanes = CNodeLanes<kColumns>;
     for (int step = 0; step < n; step++) {
       const int i = aForward ? step : n - 1 - step;
-      CLane4 lanes = load4(aRhs + static_cast<size_t>(i) * 3);
-      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++)
-        lanes += broadcast4(aMatrix.mWeight[e]) * load4(aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * 3);
-      store3(aX + static_cast<size_t>(i) * 3, lanes * broadcast4(aInverseDiagonal[i]));
+      CLanes sum;
+      sum.load(aRhs + static_cast<size_t>(i) * kColumns);
+      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+        const CLane4 w = broadcast4(aMatrix.mWeight[e]);
+        CLanes xj;
+        xj.load(aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * kColumns);
+        for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] += w * xj.mLanes[g];
+      }
+      const CLane4 inverse = broadcast4(aInverseDiagonal[i]);
+      for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] = sum.mLanes[g] * inverse;
+      sum.store(aX + static_cast<size_t>(i) * kColumns);
     }
     return;
   }
@@ -153,13 +181,21 @@ template <int kColumns>
 void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
   const int n = aMatrix.nodeCount();
-  if constexpr (kColumns == 3) {
+  if constexpr (kColumns >= 3) {
+    using CLanes = CNodeLanes<kColumns>;
     for (int i = 0; i < n; i++) {
-      const CLane4 xi = load4(aX + static_cast<size_t>(i) * 3);
-      CLane4 lanes = broadcast4(aMatrix.mGround[i]) * xi;
-      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++)
-        lanes += broadcast4(aMatrix.mWeight[e]) * (xi - load4(aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * 3));
-      store3(aOut + static_cast<size_t>(i) * 3, lanes);
+      CLanes xi;
+      xi.load(aX + static_cast<size_t>(i) * kColumns);
+      CLanes sum;
+      const CLane4 ground = broadcast4(aMatrix.mGround[i]);
+      for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] = ground * xi.mLanes[g];
+      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+        const CLane4 w = broadcast4(aMatrix.mWeight[e]);
+        CLanes xj;
+        xj.load(aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * kColumns);
+        for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] += w * (xi.mLanes[g] - xj.mLanes[g]);
+      }
+      sum.store(aOut + static_cast<size_t>(i) * kColumns);
     }
     return;
   }
@@ -181,15 +217,20 @@ template <int kColumns>
 void sweptResidualRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
   const int n = aMatrix.nodeCount();
-  if constexpr (kColumns == 3) {
+  if constexpr (kColumns >= 3) {
+    using CLanes = CNodeLanes<kColumns>;
     for (int i = 0; i < n; i++) {
-      CLane4 lanes = broadcast4(0.0f);
+      CLanes sum;
+      sum.fill(0.0f);
       for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
         const int j = aMatrix.mNeighbour[e];
         if (j <= i) continue;
-        lanes += broadcast4(aMatrix.mWeight[e]) * load4(aX + static_cast<size_t>(j) * 3);
+        const CLane4 w = broadcast4(aMatrix.mWeight[e]);
+        CLanes xj;
+        xj.load(aX + static_cast<size_t>(j) * kColumns);
+        for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] += w * xj.mLanes[g];
       }
-      store3(aOut + static_cast<size_t>(i) * 3, lanes);
+      sum.store(aOut + static_cast<size_t>(i) * kColumns);
     }
     return;
   }
@@ -258,6 +299,7 @@ void directionRows(const float* aBeta, const float* aZ, float* aP, int aNodes, i
     case 4: aKernel<4>(__VA_ARGS__); break;               \
     case 5: aKernel<5>(__VA_ARGS__); break;               \
     case 6: aKernel<6>(__VA_ARGS__); break;               \
+    case 7: aKernel<7>(__VA_ARGS__); break;               \
     case 8: aKernel<8>(__VA_ARGS__); break;               \
     default: aKernel<0>(__VA_ARGS__); break;              \
   }
