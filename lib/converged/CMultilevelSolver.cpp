@@ -247,26 +247,31 @@ void sweptResidualRows(const CSparseGraph& aMatrix, const float* aX, float* aOut
   }
 }
 
-// aCoarse[group of i] += aFine[i] over the nodes i that have a group.
-template <int kColumns>
-void restrictRows(const std::vector<int>& aGroup, const float* aFine, float* aCoarse, int aColumns) {
+// Between a level and the next, over the nodes i that have a group: adds
+// aFrom's values to aTo's, fine to coarse (restriction, aTo[group of i] +=
+// aFrom[i]) or coarse to fine (prolongation, aTo[i] += aFrom[group of i]).
+template <int kColumns, bool kRestrict>
+void transferRows(const std::vector<int>& aGroup, const float* aFrom, float* aTo, int aColumns) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
   for (size_t i = 0; i < aGroup.size(); i++) {
     const int g = aGroup[i];
     if (g < 0) continue;
-    for (int c = 0; c < columns; c++) aCoarse[static_cast<size_t>(g) * columns + c] += aFine[i * columns + c];
+    const size_t fine = i * columns;
+    const size_t coarse = static_cast<size_t>(g) * columns;
+    const float* from = aFrom + (kRestrict ? fine : coarse);
+    float* to = aTo + (kRestrict ? coarse : fine);
+    for (int c = 0; c < columns; c++) to[c] += from[c];
   }
 }
 
-// aFine[i] += aCoarse[group of i] over the nodes i that have a group.
+template <int kColumns>
+void restrictRows(const std::vector<int>& aGroup, const float* aFine, float* aCoarse, int aColumns) {
+  transferRows<kColumns, true>(aGroup, aFine, aCoarse, aColumns);
+}
+
 template <int kColumns>
 void prolongRows(const std::vector<int>& aGroup, const float* aCoarse, float* aFine, int aColumns) {
-  const int columns = kColumns > 0 ? kColumns : aColumns;
-  for (size_t i = 0; i < aGroup.size(); i++) {
-    const int g = aGroup[i];
-    if (g < 0) continue;
-    for (int c = 0; c < columns; c++) aFine[i * columns + c] += aCoarse[static_cast<size_t>(g) * columns + c];
-  }
+  transferRows<kColumns, false>(aGroup, aCoarse, aFine, aColumns);
 }
 
 // The conjugate gradient step: x += alpha p and r -= alpha q, per column.
