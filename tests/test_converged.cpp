@@ -168,6 +168,41 @@ TEST_P(StripesTest, StripesStayApartFromAFlatNeighbourOfTheirMean) {
 // Radii 1, 2 and 4 at this size.
 INSTANTIATE_TEST_SUITE_P(Converged, StripesTest, ::testing::Values(4.0f, 20.0f, 30.0f));
 
+// Stripes along the columns on the left third, checks of the same two greys
+// on the rest, one labelled pixel near each side. Window mean and deviation
+// are the same on both sides, so without the orientation features the
+// labels would meet half-way between the labelled pixels; with them they
+// meet at the change of texture.
+TEST(Converged, ChecksStayApartFromStripesOfTheirColours) {
+  const int w = 48;
+  const int h = 24;
+  const int boundary = w / 3;
+  std::vector<float> grey;
+  for (int i = 0; i < w * h; i++) {
+    const int x = i % w;
+    const int y = i / w;
+    const bool dark = x < boundary ? x % 2 == 0 : (x + y) % 2 == 0;
+    grey.push_back(dark ? 60.0f : 140.0f);
+  }
+  std::vector<int> labels(static_cast<size_t>(w * h), -1);
+  labels[static_cast<size_t>(2 + 12 * w)] = 0;
+  labels[static_cast<size_t>(w - 3 + 12 * w)] = 1;
+  for (const float orientation : {CConvergedParameters().mOrientationWeight, 0.0f}) {
+    CConvergedParameters parameters = tight();
+    parameters.mTextureRadius = 4.0f;
+    parameters.mOrientationWeight = orientation;
+    const CTensor<float> degrees = solveConverged(greyImage(w, h, grey), {}, labelMap(w, h, labels), 2, parameters);
+    int wrong = 0;
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++)
+        if (std::abs(x - boundary) >= 6) wrong += (degrees(x, y, 1) > degrees(x, y, 0)) != (x >= boundary);
+    if (orientation > 0.0f)
+      EXPECT_EQ(wrong, 0);
+    else
+      EXPECT_GT(wrong, 0) << "the scene should need the orientation features";
+  }
+}
+
 // A chain of pixels is a chain of conductances exp(-beta |dI|^2 / mean |dI|^2):
 // between the two labelled ends the degree of the second label rises by each
 // edge's share of the total resistance.
