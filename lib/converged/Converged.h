@@ -29,6 +29,11 @@ struct CConvergedParameters {
   // distance of the texture features over its mean plus that of the colours
   // over theirs.
   float mGate = 1.5f;
+  // A pixel's gate never falls below this: a pixel whose window straddles a
+  // boundary differs from every region's mean, and without any link to its
+  // region it would be left to its weak pixel edges, slow to converge and
+  // decided by whichever label reaches along them.
+  float mGateFloor = 1e-3f;
   // Weight of a pixel's link to its finest region at 320x240; it falls with
   // the square root of the pixel count so that it keeps its share against
   // region boundaries, whose length grows with the resolution.

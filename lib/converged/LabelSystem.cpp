@@ -169,7 +169,8 @@ void addRegionLinks(const CPixelValues& aValues, const std::vector<CTensor<float
   for (int i = 0; i < n; i++)
     aEdges.push_back({i, n + finest.mOfPixel[static_cast<size_t>(i)],
                       static_cast<float>((aLabelOf.data()[i] >= 0 ? aParameters.mSeedLink : 1.0) * link *
-                                         std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)]))});
+                                         std::max(std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)]),
+                                                  static_cast<double>(aParameters.mGateFloor)))});
   int firstNode = n;
   for (size_t k = 0; k + 1 < layers.size(); k++) {
     const CRegions& fine = layers[k];
