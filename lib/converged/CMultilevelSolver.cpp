@@ -378,6 +378,15 @@ CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
     for (int i = 0; i < matrix.nodeCount(); i++) level.mInverseDiagonal[i] = 1.0f / (matrix.linkSum(i) + matrix.mGround[i]);
   }
   factorCoarsest();
+  // A node's error counts in proportion to the root of its diagonal, up to
+  // that of a node with one link of full weight: the error in the energy
+  // the system minimises. A node held only by links at the weight floor
+  // hardly moves its neighbours, and waiting for its last digits would let
+  // the iterations grow with the length of the weak seams it lies on.
+  const CSparseGraph& finest = mLevels[0].mMatrix;
+  mErrorWeight.resize(finest.mGround.size());
+  for (int i = 0; i < finest.nodeCount(); i++)
+    mErrorWeight[i] = std::min(1.0f, std::sqrt(finest.linkSum(i) + finest.mGround[i]));
 }
 
 void CMultilevelSolver::factorCoarsest() {
@@ -511,13 +520,15 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   std::vector<double> pq;
   CSolveResult result;
   // The preconditioned residual z = M r estimates the remaining error of
-  // every node in the units of the solution; a column stops once it is
-  // below the tolerance everywhere. Returns whether any column goes on.
+  // every node in the units of the solution; a column stops once its
+  // weighted estimate is below the tolerance everywhere. Returns whether
+  // any column goes on.
   const auto settle = [&](int aIteration) {
     result.mIterations = std::max(result.mIterations, aIteration);
     std::vector<float> largest(static_cast<size_t>(columns), 0.0f);
-    for (size_t k = 0; k < static_cast<size_t>(n) * columns; k += static_cast<size_t>(columns))
-      for (int c = 0; c < columns; c++) largest[c] = std::max(largest[c], std::fabs(z[k + c]));
+    for (int i = 0; i < n; i++)
+      for (int c = 0; c < columns; c++)
+        largest[c] = std::max(largest[c], mErrorWeight[i] * std::fabs(z[static_cast<size_t>(i) * columns + c]));
     std::vector<int> keep;
     for (int c = 0; c < columns; c++) {
       if (largest[c] > aTolerance && aIteration < aMaxIterations) {

@@ -22,9 +22,10 @@ public:
 
   // Solves A X = B for aColumns right-hand sides stored node-major
   // (aRhs[i * aColumns + c]) into aSolution, laid out alike. Every column is
-  // iterated until its preconditioned residual is at most aTolerance at every
-  // node and then leaves the solve, so the others go on without its work;
-  // its result does not depend on the other columns.
+  // iterated until its preconditioned residual, weighted per node by
+  // min(1, sqrt(diagonal)), is at most aTolerance at every node and then
+  // leaves the solve, so the others go on without its work; its result does
+  // not depend on the other columns.
   CSolveResult solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance, int aMaxIterations) const;
 
   int levelCount() const { return static_cast<int>(mLevels.size()); }
@@ -46,6 +47,7 @@ private:
 
   std::vector<CLevel> mLevels;
   std::vector<double> mCholesky;  // lower triangle of the coarsest system, row-major
+  std::vector<float> mErrorWeight;  // per node of the system, see solve
 };
 
 }  // namespace NConverged
