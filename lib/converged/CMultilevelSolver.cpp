@@ -17,12 +17,6 @@ constexpr float kDominance = 5.0f;
 // Coarsening that keeps more than this share of the nodes has stalled.
 constexpr double kStall = 0.85;
 constexpr int kMaxLevels = 40;
-// From this level down, a cycle corrects twice from the next level (a
-// W-cycle): with one correction the iterations grew with the number of
-// levels, that is with the image size (13.8 on average at 640x480, 16.2 at
-// 1280x960; now 10.8 and 12.0). The two finest levels, which hold most of
-// the work, are visited once.
-constexpr int kFirstDoubleLevel = 2;
 
 // Groups the nodes along their strongest links: a node joins the group of
 // its strongest neighbour, or starts a new group with it. Pixels tied to a
@@ -450,8 +444,8 @@ void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
   }
 }
 
-// A symmetric cycle from a zero guess: forward sweep, coarse correction of
-// the residual (twice from kFirstDoubleLevel down), backward sweep.
+// A symmetric V-cycle from a zero guess: forward sweep, coarse correction of
+// the residual, backward sweep.
 void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   if (aLevel == levelCount() - 1) {
     solveCoarsest(aWork);
@@ -471,16 +465,6 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   restrictToGroups(level.mAggregate, residual, coarseRhs.data(), columns);
   cycle(aLevel + 1, aWork);
   prolongFromGroups(level.mAggregate, aWork.mX[aLevel + 1].data(), x, columns);
-  if (aLevel >= kFirstDoubleLevel) {
-    // The second correction, from the residual left by the first.
-    multiply(level.mMatrix, x, residual, columns);
-    const size_t size = static_cast<size_t>(n) * columns;
-    for (size_t k = 0; k < size; k++) residual[k] = rhs[k] - residual[k];
-    std::fill(coarseRhs.begin(), coarseRhs.end(), 0.0f);
-    restrictToGroups(level.mAggregate, residual, coarseRhs.data(), columns);
-    cycle(aLevel + 1, aWork);
-    prolongFromGroups(level.mAggregate, aWork.mX[aLevel + 1].data(), x, columns);
-  }
   relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
 }
 

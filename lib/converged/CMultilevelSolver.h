@@ -1,10 +1,8 @@
 // Conjugate gradients preconditioned by an aggregation multigrid cycle, for
-// the symmetric positive definite systems of CSparseGraph form. Each coarse
-// level groups every node with its most strongly linked neighbour and takes
-// the Galerkin product as its system; the cycle visits the two finest levels
-// once and the coarser ones twice (a W-cycle there), so it costs a small
-// multiple of one sweep over the matrix and the iterations hardly grow with
-// the graph's size or diameter.
+// the symmetric positive definite systems of CSparseGraph form. The coarse
+// levels group strongly linked nodes in pairs, twice per level, and take the
+// Galerkin product as their system, so a cycle costs a small multiple of one
+// sweep over the matrix whatever the graph's diameter.
 #pragma once
 
 #include <vector>
