@@ -84,10 +84,10 @@ public:
   const CPhaseTimes& phaseTimes() const { return mPhaseTimes; }
 
   // The widest registers the solver may use: 128, 256 or 512 bits; all
-  // widths give the same bits. The default is the fastest on the development
-  // machine: there the 512-bit pixel sweep, which gathers four pixels of four
-  // rows per register, is slower than the 256-bit one.
-  static constexpr int kDefaultVectorBits = 256;
+  // widths give the same bits. By default the widest the processor has (with
+  // 512 bits the pixel pass still works in 256-bit registers, see
+  // FlatKernels512.cpp).
+  static constexpr int kDefaultVectorBits = 512;
   static void limitVectorBits(int aBits);
   // The width the solver uses: the widest the processor has within the limit.
   static int vectorBits();

@@ -485,9 +485,10 @@ TARNWICK_KERNEL void project(const CProjection& aProjection, int aFirstQuad, int
   }
 }
 
+// aSweep: the pixel pass, this width's own unless another width's is faster.
 template <class L>
-CKernels kernelTable(int aBits) {
-  return {aBits, &pixelWeights<L>, &nodePairWeights<L>, &sweepPixels<L>, &project<L>};
+CKernels kernelTable(int aBits, decltype(CKernels::sweepPixels) aSweep = &sweepPixels<L>) {
+  return {aBits, &pixelWeights<L>, &nodePairWeights<L>, aSweep, &project<L>};
 }
 
 }  // namespace
