@@ -296,15 +296,17 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
   layer.nbrStart.assign(n + 1, 0);
   layer.nbr.clear();
   layer.nbrDist.clear();
+  std::vector<int> adjacentTo(n, -1);  // the node whose neighbours are being listed, or -1
   for (int a = 0; a < n; a++) {
     const std::vector<int>& mine = adjacent[a];
     for (int b : mine) {
       layer.nbr.push_back(b);
       layer.nbrDist.push_back(1.0f);
+      adjacentTo[b] = a;
     }
     for (int b : mine)
       for (int c : adjacent[b]) {
-        if (c != a && std::find(mine.begin(), mine.end(), c) != mine.end()) continue;
+        if (c != a && adjacentTo[c] == a) continue;
         const float dx = layer.x[c] - layer.x[a];
         const float dy = layer.y[c] - layer.y[a];
         layer.nbr.push_back(c);
@@ -312,24 +314,37 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
       }
     layer.nbrStart[a + 1] = static_cast<int>(layer.nbr.size());
   }
-  // Every linked pair of nodes once, whichever node lists it and how often:
-  // its value-dependent weight is the same from both ends.
-  std::unordered_map<long long, int> pairOf;
-  pairOf.reserve(layer.nbr.size());
-  layer.nbrPair.resize(layer.nbr.size());
-  layer.pairNodes.clear();
-  for (int a = 0; a < n; a++)
-    for (int j = layer.nbrStart[a]; j < layer.nbrStart[a + 1]; j++) {
-      const int c = layer.nbr[j];
-      const long long key = static_cast<long long>(std::min(a, c)) * n + std::max(a, c);
-      const auto [entry, isNew] = pairOf.try_emplace(key, static_cast<int>(layer.pairNodes.size() / 2));
-      if (isNew) {
-        layer.pairNodes.push_back(a);
-        layer.pairNodes.push_back(c);
-      }
-      layer.nbrPair[j] = entry->second;
-    }
+  numberPairs(layer);
   layer.pairVar.assign(layer.pairNodes.size() / 2, 0.0f);
+}
+
+// Every linked pair of nodes once, whichever node lists it and how often
+// (its value-dependent weight is the same from both ends), numbered in the
+// order the lists first name it. Node a's pairs are known once the nodes
+// before it are done: those with an earlier node were handed to it then,
+// the others it names first itself, so no map of all pairs is needed.
+void CFlatHierarchy::numberPairs(CLayer& aLayer) {
+  const int n = aLayer.nodes;
+  aLayer.nbrPair.resize(aLayer.nbr.size());
+  aLayer.pairNodes.clear();
+  std::vector<std::vector<std::pair<int, int>>> handed(n);  // per node: (earlier node, pair)
+  std::vector<int> pairWith(n, -1);                          // of the node at hand
+  for (int a = 0; a < n; a++) {
+    for (const auto& [c, pair] : handed[a]) pairWith[c] = pair;
+    for (int j = aLayer.nbrStart[a]; j < aLayer.nbrStart[a + 1]; j++) {
+      const int c = aLayer.nbr[j];
+      if (pairWith[c] < 0) {
+        pairWith[c] = static_cast<int>(aLayer.pairNodes.size() / 2);
+        aLayer.pairNodes.push_back(a);
+        aLayer.pairNodes.push_back(c);
+        if (c > a) handed[c].emplace_back(a, pairWith[c]);
+      }
+      aLayer.nbrPair[j] = pairWith[c];
+    }
+    for (const auto& entry : handed[a]) pairWith[entry.first] = -1;
+    for (int j = aLayer.nbrStart[a]; j < aLayer.nbrStart[a + 1]; j++) pairWith[aLayer.nbr[j]] = -1;
+    std::vector<std::pair<int, int>>().swap(handed[a]);
+  }
 }
 
 void CFlatHierarchy::distanceFunction(CMatrix<float>& aDistance) const {

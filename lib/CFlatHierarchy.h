@@ -145,6 +145,7 @@ private:
   void sweepLayer(int aLayer, int aChunk, float aOmega);
   template <bool kPrefetch>
   void sweepLinks(int aLayer, int aChunk, float aOmega);
+  static void numberPairs(CLayer& aLayer);
   void normalizeNode(const CLayer& aLayer, int aNode);
   // aPixelsLater: the pixels' whole quads are left to the next pixel pass.
   void normalizeShare(int aThread, int aThreads, bool aPixelsLater);
