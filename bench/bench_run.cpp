@@ -9,9 +9,10 @@
 // results and the reference path's must be byte-identical, or the benchmark
 // exits with status 1 (as it does when a run fails).
 //
-// Usage: bench_run [--quick | --full] [--repeat=N] [--labels=N]
+// Usage: bench_run [--quick | --full | --fast-only] [--repeat=N] [--labels=N]
 //   --quick     320x240 only (fast and reference path), a smoke run
 //   --full      also runs the reference path at 1280x960 (several minutes)
+//   --fast-only the fast path alone at every size
 //   --repeat=N  every fast row is the run of median wall time among N
 //   --labels=N  scribbles of the first N labels only (1 to 5; default 5): with
 //               up to four labels one chunk holds them all
@@ -366,6 +367,7 @@ bool sameResults(const std::string& aFolder, const std::string& aPrefixA, const 
 struct COptions {
   bool quick = false;
   bool full = false;
+  bool fastOnly = false;
   int repeats = 1;
   int labels = kLabels;
 };
@@ -377,7 +379,7 @@ struct CCase {
 
 std::vector<CCase> casesFor(const COptions& aOptions) {
   if (aOptions.quick) return {{{320, 240}, true}};
-  return {{{320, 240}, true}, {{640, 480}, true}, {{1280, 960}, aOptions.full}};
+  return {{{320, 240}, !aOptions.fastOnly}, {{640, 480}, !aOptions.fastOnly}, {{1280, 960}, aOptions.full}};
 }
 
 // One run of a case: path, threads (0: the default), register limit (0: the default).
@@ -464,6 +466,8 @@ void printMachine(const COptions& aOptions) {
   std::cout << "\n";
   if (aOptions.quick)
     std::cout << "quick run: 320x240 only\n";
+  else if (aOptions.fastOnly)
+    std::cout << "fast path only\n";
   else if (!aOptions.full)
     std::cout << "reference path at 320x240 and 640x480 only (--full adds 1280x960)\n";
   std::cout << "inputs: three nested segmentations of about " << kRegionCounts[0] << " / " << kRegionCounts[1]
@@ -531,15 +535,19 @@ COptions parseOptions(int argc, char** argv) {
       options.quick = true;
     else if (option == "--full")
       options.full = true;
+    else if (option == "--fast-only")
+      options.fastOnly = true;
     else if (option.rfind("--repeat=", 0) == 0 && std::atoi(option.c_str() + 9) > 0)
       options.repeats = std::atoi(option.c_str() + 9);
     else if (option.rfind("--labels=", 0) == 0 && std::atoi(option.c_str() + 9) >= 1 &&
              std::atoi(option.c_str() + 9) <= kLabels)
       options.labels = std::atoi(option.c_str() + 9);
     else
-      throw std::invalid_argument("unknown option " + option + "; usage: bench_run [--quick | --full] [--repeat=N] [--labels=N]");
+      throw std::invalid_argument("unknown option " + option +
+                                  "; usage: bench_run [--quick | --full | --fast-only] [--repeat=N] [--labels=N]");
   }
-  if (options.quick && options.full) throw std::invalid_argument("--quick and --full exclude each other");
+  if (options.quick + options.full + options.fastOnly > 1)
+    throw std::invalid_argument("--quick, --full and --fast-only exclude each other");
   return options;
 }
 
