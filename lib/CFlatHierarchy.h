@@ -142,9 +142,10 @@ private:
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
   void sweepPixels(int aChunk, float aAlpha, float aOmega, bool aProjectFirst, int aMember = 0, int aTeam = 1,
                    long long aPass = 0);
-  void sweepLayer(int aLayer, int aChunk, float aOmega);
-  template <bool kPrefetch>
-  void sweepLinks(int aLayer, int aChunk, float aOmega);
+  // aSecondChunk: another chunk swept alongside, or -1.
+  void sweepLayer(int aLayer, int aChunk, int aSecondChunk, float aOmega);
+  template <bool kPrefetch, int kChunks>
+  void sweepLinks(int aLayer, const int* aChunks, float aOmega);
   static void numberPairs(CLayer& aLayer);
   void normalizeNode(const CLayer& aLayer, int aNode);
   // aPixelsLater: the pixels' whole quads are left to the next pixel pass.
