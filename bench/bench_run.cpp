@@ -393,12 +393,19 @@ struct CRunKind {
 // The runs of every case: the fast path's default first (the others are
 // compared with it), then one thread, every other register width the
 // processor has, and the reference path.
+// The register width of the fast path's default: the widest the processor
+// has up to the default limit.
+int defaultBits() {
+  CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
+  return CFlatHierarchy::vectorBits();
+}
+
 std::vector<CRunKind> runKinds(bool aReference) {
   std::vector<CRunKind> kinds = {{"fast", ESolverPath::Fast, 0, 0}, {"fast", ESolverPath::Fast, 1, 0}};
+  const int usual = defaultBits();
   for (int bits : {128, 256, 512}) {
     CFlatHierarchy::limitVectorBits(bits);
-    if (CFlatHierarchy::vectorBits() == bits && bits != CFlatHierarchy::kDefaultVectorBits)
-      kinds.push_back({"fast", ESolverPath::Fast, 0, bits});
+    if (CFlatHierarchy::vectorBits() == bits && bits != usual) kinds.push_back({"fast", ESolverPath::Fast, 0, bits});
   }
   CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
   if (aReference) kinds.push_back({"reference", ESolverPath::Reference, 0, 0});
@@ -426,7 +433,7 @@ void printRow(const CSize& aSize, int aLabels, const CRunKind& aKind, const CMea
   if (aKind.path == ESolverPath::Reference)
     std::cout << "-";
   else
-    std::cout << (aKind.bits > 0 ? aKind.bits : CFlatHierarchy::kDefaultVectorBits);
+    std::cout << (aKind.bits > 0 ? aKind.bits : defaultBits());
   std::cout << std::setw(4) << aRun.report.threads << std::fixed << std::setprecision(2) << std::setw(9)
             << aRun.wallSeconds << std::setw(9) << aRun.cpuSeconds << std::setprecision(1) << std::setw(9)
             << aRun.peakMB << std::setprecision(0) << std::setw(6) << bytes / pixels << std::setw(9)
@@ -448,7 +455,7 @@ void printPhases(const CSize& aSize, const CRunKind& aKind, const CMeasurement& 
   for (double level : s.levelSeconds) levels += level;
   const double other = aRun.wallSeconds - s.readSeconds - s.writeSeconds - levels;
   std::cout << std::left << std::setw(10) << aSize.name() << std::right << std::setw(5)
-            << (aKind.bits > 0 ? aKind.bits : CFlatHierarchy::kDefaultVectorBits) << std::setw(4)
+            << (aKind.bits > 0 ? aKind.bits : defaultBits()) << std::setw(4)
             << aRun.report.threads << std::fixed << std::setprecision(3);
   for (double phase : {s.readSeconds, levels - s.solveSeconds, s.buildSeconds, setup, s.weightSeconds,
                        s.pixelSweepSeconds, s.layerSweepSeconds, s.projectionSeconds, s.writeSeconds, other})
