@@ -390,9 +390,6 @@ struct CRunKind {
   int bits;
 };
 
-// The runs of every case: the fast path's default first (the others are
-// compared with it), then one thread, every other register width the
-// processor has, and the reference path.
 // The register width of the fast path's default: the widest the processor
 // has up to the default limit.
 int defaultBits() {
@@ -400,6 +397,9 @@ int defaultBits() {
   return CFlatHierarchy::vectorBits();
 }
 
+// The runs of every case: the fast path's default first (the others are
+// compared with it), then one thread, every other register width the
+// processor has, and the reference path.
 std::vector<CRunKind> runKinds(bool aReference) {
   std::vector<CRunKind> kinds = {{"fast", ESolverPath::Fast, 0, 0}, {"fast", ESolverPath::Fast, 1, 0}};
   const int usual = defaultBits();
