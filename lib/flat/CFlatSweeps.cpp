@@ -29,7 +29,8 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, bool aP
                                  aTeam,
                                  mBandProgress.data(),
                                  aPass,
-                                 aProjectFirst ? &projection : nullptr};
+                                 aProjectFirst ? &projection : nullptr,
+                                 mKernels->project};
   mKernels->sweepPixels(sweep);
 }
 

@@ -44,8 +44,10 @@ struct CPixelSweep {
   // the simplex for this pass: each band first projects the whole quads of
   // pixels from its second row up to the first row of the next band (band 0
   // from the first pixel), so every pixel is projected once and before it is
-  // read, and its degrees are then still in the cache for the pass.
+  // read, and its degrees are then still in the cache for the pass. The
+  // projection kernel may be of another width than the pass's (CKernels).
   const CProjection* projectFirst = nullptr;
+  void (*project)(const CProjection& aProjection, int aFirstQuad, int aEndQuad) = nullptr;
 };
 
 // The degrees of the pixels, for their edges' value-dependent weights.

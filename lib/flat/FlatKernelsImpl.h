@@ -272,9 +272,6 @@ TARNWICK_KERNEL void updateBorderPixel(const CPixelSweep& s, int x, int y) {
   }
 }
 
-template <class L>
-TARNWICK_KERNEL void project(const CProjection& aProjection, int aFirstQuad, int aEndQuad);
-
 // The whole quads of pixels that cover the rows before aRow: a band projects
 // those up to the end of the next band's first row, from where the band above
 // stopped. The pixels beyond the last whole quad are left to the projection
@@ -324,7 +321,7 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
     const bool innerRows = rows == kBand && y0 > 0 && y0 + kBand < height;
     const bool trails = s.team > 1 && band > 0;
     if (s.projectFirst != nullptr)
-      project<L>(*s.projectFirst, band == 0 ? 0 : quadsBeforeRow(s, y0 + 1), quadsBeforeRow(s, y0 + kBand + 1));
+      s.project(*s.projectFirst, band == 0 ? 0 : quadsBeforeRow(s, y0 + 1), quadsBeforeRow(s, y0 + kBand + 1));
     long long above = 0;  // steps of the band above known to be done
     for (int t = 0; t < width + rows - 1; t++) {
       if (trails && above < std::min(t + kBand, aboveSteps))
