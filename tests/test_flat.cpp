@@ -67,7 +67,7 @@ CCase randomCase(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveral
   CCase c;
   c.width = std::uniform_int_distribution<int>(aLarge ? 20 : 1, aLarge ? 64 : 23)(random);
   c.height = std::uniform_int_distribution<int>(aLarge ? 26 : 1, aLarge ? 48 : 19)(random);
-  c.labels = std::uniform_int_distribution<int>(1, aSeveralLabels ? 11 : 7)(random);
+  c.labels = std::uniform_int_distribution<int>(1, aSeveralLabels ? 16 : 7)(random);
   std::uniform_real_distribution<float> unit(0.0f, 1.0f);
   c.start = CTensor<float>(c.width, c.height, c.labels);
   for (int y = 0; y < c.height; y++)
@@ -183,7 +183,7 @@ TEST(FlatSolver, BitIdenticalToTheReferenceOnRandomHierarchies) {
 }
 
 // A strong data term of several labels per pixel: projections of many rounds,
-// and up to three label chunks.
+// and up to four label chunks.
 TEST(FlatSolver, BitIdenticalWithSeveralLabelsPerPixel) {
   for (unsigned seed = 1; seed <= 12; seed++) compareSolve(100 + seed, static_cast<int>(seed % 4), seed % 2 == 0, true);
 }
