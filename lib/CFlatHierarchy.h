@@ -140,8 +140,8 @@ private:
   void computeVariableWeights(int aThread, int aThreads);
   void computePixelVariableWeights(int aFirstRow, int aEndRow);
   void computeWeightSums(int aThread, int aThreads, float aAlpha, float aOmega);
-  void sweepPixels(int aChunk, float aAlpha, float aOmega, bool aProjectFirst, int aMember = 0, int aTeam = 1,
-                   long long aPass = 0);
+  void sweepPixels(int aChunk, int aSecondChunk, float aAlpha, float aOmega, bool aProjectFirst, int aMember = 0,
+                   int aTeam = 1, long long aPass = 0);
   // aSecondChunk: another chunk swept alongside, or -1.
   void sweepLayer(int aLayer, int aChunk, int aSecondChunk, float aOmega);
   template <bool kPrefetch, int kChunks>

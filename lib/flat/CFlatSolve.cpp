@@ -124,16 +124,17 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
       for (int inner = 0; inner < NSolverRules::kInnerIterations; inner++) {
         const bool projectFirst = pixelsLater;
         pixelsLater = oneStream && inner + 1 < NSolverRules::kInnerIterations;
-        // A thread's own chunks: first their pixel passes, then their coarser
-        // layers two chunks at a time, whose update chains overlap.
+        // A thread's own chunks two at a time: their pixels in one pass, then
+        // their coarser layers, whose update chains overlap.
         clock.lap(mPhaseTimes.layerSweeps);
-        for (int c = thread; c < alone; c += threads) sweepPixels(c, aAlpha, aOmega, projectFirst && c == 0);
+        for (int c = thread; c < alone; c += 2 * threads)
+          sweepPixels(c, c + threads < alone ? c + threads : -1, aAlpha, aOmega, projectFirst && c == 0);
         clock.lap(mPhaseTimes.pixelSweeps);
         for (int c = thread; c < alone; c += 2 * threads)
           for (int l = 1; l < layers; l++) sweepLayer(l, c, c + threads < alone ? c + threads : -1, aOmega);
         for (int c = alone; c < mChunks; c++) {
           clock.lap(mPhaseTimes.layerSweeps);
-          sweepPixels(c, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
+          sweepPixels(c, -1, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
           barrier->wait();
           clock.lap(mPhaseTimes.pixelSweeps);
           if (thread == c % threads)

@@ -8,12 +8,13 @@ using NSimd::CLanes4;
 // Each pixel reads the new degrees of the pixels before it and the old ones of
 // the pixels after it and of its parent. With a team of several threads the
 // pass is shared, aMember doing its bands of rows, and aPass counts from 1.
-void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, bool aProjectFirst, int aMember, int aTeam,
-                                 long long aPass) {
+// aSecondChunk: a chunk relaxed in the same pass (not in a shared one), or -1.
+void CFlatHierarchy::sweepPixels(int aChunk, int aSecondChunk, float aAlpha, float aOmega, bool aProjectFirst,
+                                 int aMember, int aTeam, long long aPass) {
   CLayer& pixels = mLayers[0];
   const NFlat::CProjection projection = projectionOf(pixels);
   const bool hasParent = size() > 1;
-  const NFlat::CPixelSweep sweep{mXSize,
+  NFlat::CPixelSweep sweep{mXSize,
                                  mYSize,
                                  chunk(aChunk) + pixels.base,
                                  mRhs.data() + aChunk * mRhsStride,
@@ -31,6 +32,10 @@ void CFlatHierarchy::sweepPixels(int aChunk, float aAlpha, float aOmega, bool aP
                                  aPass,
                                  aProjectFirst ? &projection : nullptr,
                                  mKernels->project};
+  if (aSecondChunk >= 0) {
+    sweep.pairStride = static_cast<ptrdiff_t>(aSecondChunk - aChunk) * static_cast<ptrdiff_t>(mChunkStride);
+    sweep.pairRhsStride = static_cast<ptrdiff_t>(aSecondChunk - aChunk) * static_cast<ptrdiff_t>(mRhsStride);
+  }
   mKernels->sweepPixels(sweep);
 }
 

@@ -48,6 +48,12 @@ struct CPixelSweep {
   // projection kernel may be of another width than the pass's (CKernels).
   const CProjection* projectFirst = nullptr;
   void (*project)(const CProjection& aProjection, int aFirstQuad, int aEndQuad) = nullptr;
+  // When not 0, the pass relaxes a second chunk alongside, whose degrees lie
+  // this many floats after u (and its parents' after parentValues) and its
+  // data term pairRhsStride floats after rhs: both chunks of a pixel in one
+  // register, sharing the loads of the weights.
+  ptrdiff_t pairStride = 0;
+  ptrdiff_t pairRhsStride = 0;
 };
 
 // The degrees of the pixels, for their edges' value-dependent weights.
@@ -102,7 +108,7 @@ struct CKernels {
   void (*pixelWeights)(const CPixelPlanes& aPlanes, int aFirstRow, int aEndRow);
   // Pairs [aBegin, aEnd).
   void (*nodePairWeights)(const CNodePairs& aPairs, int aBegin, int aEnd);
-  void (*sweepPixels)(const CPixelSweep& aSweep);
+  void (*sweepPixels)(const CPixelSweep& aSweep);  // one chunk, or two (pairStride)
   // Nodes 4 * aFirstQuad up to 4 * aEndQuad.
   void (*project)(const CProjection& aProjection, int aFirstQuad, int aEndQuad);
 };

@@ -215,30 +215,37 @@ TARNWICK_KERNEL void nodePairWeights(const CNodePairs& aPairs, int aBegin, int a
 // ---------------------------------------------------------------------------
 // Pixel sweep.
 
-// The update of pixels i + g * aStep, one per quad; each reads its neighbours
-// where the template flags say it has them.
-template <class L, bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent, bool kCheck>
+// The update of pixels i + g * aStep, one per quad, or with kPair of pixel i
+// in two chunks (quad g in chunk g); each reads its neighbours where the
+// template flags say it has them.
+template <class L, bool kUp, bool kLeft, bool kDown, bool kRight, bool kParent, bool kCheck, bool kPair = false>
 TARNWICK_KERNEL_INLINE void updatePixels(const CPixelSweep& s, ptrdiff_t i, ptrdiff_t aStep) {
-  static_assert(!kCheck || L::kGroups == 1, "a pixel without weights is checked one at a time");
+  static_assert(!kCheck || L::kGroups == 1 || kPair, "a pixel without weights is checked one at a time");
+  static_assert(!kPair || L::kGroups == 2, "a pair of chunks fills two quads");
   float* u = s.u;
   const ptrdiff_t w = s.width;
-  const ptrdiff_t stride = 4 * aStep;
-  const L own = L::loadQuads(s.weights + 4 * i, stride);
+  const ptrdiff_t stride = kPair ? s.pairStride : 4 * aStep;  // between the quads of u
+  const ptrdiff_t weightStride = kPair ? 0 : 4 * aStep;
+  auto pixelOf = [&](int g) { return kPair ? i : i + g * aStep; };
+  const L own = L::loadQuads(s.weights + 4 * i, weightStride);
   L out = L::zero();
-  if (kUp) out = out - L::splatQuads(s.weights + 4 * (i - w) + 1, stride) * L::loadQuads(u + 4 * (i - w), stride);
-  if (kLeft) out = out - L::splatQuads(s.weights + 4 * (i - 1), stride) * L::loadQuads(u + 4 * (i - 1), stride);
+  if (kUp)
+    out = out - L::splatQuads(s.weights + 4 * (i - w) + 1, weightStride) * L::loadQuads(u + 4 * (i - w), stride);
+  if (kLeft) out = out - L::splatQuads(s.weights + 4 * (i - 1), weightStride) * L::loadQuads(u + 4 * (i - 1), stride);
   if (kDown) out = out - own.template laneOfQuads<1>() * L::loadQuads(u + 4 * (i + w), stride);
   if (kRight) out = out - own.template laneOfQuads<0>() * L::loadQuads(u + 4 * (i + 1), stride);
   if (kParent) {
     const float* parents[L::kGroups];
 #pragma GCC unroll 4
-    for (int g = 0; g < L::kGroups; g++) parents[g] = s.parentValues + 4 * s.parent[i + g * aStep];
+    for (int g = 0; g < L::kGroups; g++)
+      parents[g] = s.parentValues + (kPair ? g * s.pairStride : 0) + 4 * s.parent[pixelOf(g)];
     out = out - own.template laneOfQuads<2>() * L::gatherQuads(parents);
   }
   if (kCheck && s.md[i] == 0.0f) return;
   const float* rhs[L::kGroups];
 #pragma GCC unroll 4
-  for (int g = 0; g < L::kGroups; g++) rhs[g] = s.rhs + 4 * static_cast<size_t>(s.rhsQuad[i + g * aStep]);
+  for (int g = 0; g < L::kGroups; g++)
+    rhs[g] = s.rhs + (kPair ? g * s.pairRhsStride : 0) + 4 * static_cast<size_t>(s.rhsQuad[pixelOf(g)]);
   out = L::splat(s.oneMinusAlpha) * out;
   const L step = own.template laneOfQuads<3>() * (L::gatherQuads(rhs) - out);
   clampUnit(L::splat(s.oneMinusOmega) * L::loadQuads(u + 4 * i, stride) + step).storeQuads(u + 4 * i, stride);
@@ -304,12 +311,19 @@ TARNWICK_KERNEL_INLINE long long awaitProgress(const std::atomic<long long>& aPr
 // row of the band above, done by another thread: step t of a band needs steps
 // up to t + kBand - 1 of the band above done (the pixel above new), and then
 // also the pixel above has read the one below before it changes.
-template <class L, bool kParent, bool kCheck>
+// With kPair a register holds one pixel in two chunks (see CPixelSweep), and
+// the border pixels are updated chunk by chunk.
+template <class L, bool kParent, bool kCheck, bool kPair = false>
 TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
-  constexpr int kChains = L::kGroups == 1 ? 6 : 3;
-  constexpr int kBand = kChains * L::kGroups;
+  constexpr int kPixels = kPair ? 1 : L::kGroups;  // per register
+  constexpr int kChains = kPixels == 1 ? 6 : 3;
+  constexpr int kBand = kChains * kPixels;
   constexpr int kPublish = 16;  // steps between two reports of a band's progress
   const CPixelSweep s = aSweep;  // a local copy: the stores cannot change it
+  CPixelSweep second = aSweep;    // the second chunk of a pair on its own
+  second.u += s.pairStride;
+  second.rhs += s.pairRhsStride;
+  if (second.parentValues != nullptr) second.parentValues += s.pairStride;
   const int width = static_cast<int>(s.width);
   const int height = s.height;
   const int bands = (height + kBand - 1) / kBand;
@@ -332,25 +346,44 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
         const ptrdiff_t next = width - 1;
 #pragma GCC unroll 6
         for (int chain = 0; chain < kChains; chain++)
-          updatePixels<L, true, true, true, true, kParent, kCheck>(s, i + chain * next, kChains * next);
+          updatePixels<L, true, true, true, true, kParent, kCheck, kPair>(s, i + chain * next, kChains * next);
         continue;
       }
       for (int r = 0; r < rows; r++) {
         const int x = t - r;
-        if (x >= 0 && x < width) updateBorderPixel<kParent, kCheck>(s, x, y0 + r);
+        if (x < 0 || x >= width) continue;
+        updateBorderPixel<kParent, kCheck>(s, x, y0 + r);
+        if (kPair) updateBorderPixel<kParent, kCheck>(second, x, y0 + r);
       }
     }
     if (s.team > 1) s.bandProgress[band].steps.store(passStart + width + rows - 1, std::memory_order_release);
   }
 }
 
+// One chunk, or a pair: in registers of two quads together, otherwise chunk
+// after chunk (the chunks do not read each other).
 template <class L>
 TARNWICK_KERNEL void sweepPixels(const CPixelSweep& aSweep) {
   const bool parent = aSweep.parent != nullptr;
-  if (aSweep.check)
-    parent ? sweepRows<CLanes4, true, true>(aSweep) : sweepRows<CLanes4, false, true>(aSweep);
-  else
-    parent ? sweepRows<L, true, false>(aSweep) : sweepRows<L, false, false>(aSweep);
+  if (aSweep.pairStride != 0 && L::kGroups == 2 && !aSweep.check) {
+    if constexpr (L::kGroups == 2)
+      parent ? sweepRows<L, true, false, true>(aSweep) : sweepRows<L, false, false, true>(aSweep);
+    return;
+  }
+  CPixelSweep one = aSweep;
+  one.pairStride = 0;
+  for (int chunk = 0; chunk < (aSweep.pairStride != 0 ? 2 : 1); chunk++) {
+    if (chunk == 1) {
+      one.u += aSweep.pairStride;
+      one.rhs += aSweep.pairRhsStride;
+      if (parent) one.parentValues += aSweep.pairStride;
+      one.projectFirst = nullptr;
+    }
+    if (one.check)
+      parent ? sweepRows<CLanes4, true, true>(one) : sweepRows<CLanes4, false, true>(one);
+    else
+      parent ? sweepRows<L, true, false>(one) : sweepRows<L, false, false>(one);
+  }
 }
 
 // ---------------------------------------------------------------------------
