@@ -127,11 +127,12 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
         // A thread's own chunks two at a time: their pixels in one pass, then
         // their coarser layers, whose update chains overlap.
         clock.lap(mPhaseTimes.layerSweeps);
+        const auto partner = [&](int c) { return c + threads < alone ? c + threads : -1; };
         for (int c = thread; c < alone; c += 2 * threads)
-          sweepPixels(c, c + threads < alone ? c + threads : -1, aAlpha, aOmega, projectFirst && c == 0);
+          sweepPixels(c, partner(c), aAlpha, aOmega, projectFirst && c == 0);
         clock.lap(mPhaseTimes.pixelSweeps);
         for (int c = thread; c < alone; c += 2 * threads)
-          for (int l = 1; l < layers; l++) sweepLayer(l, c, c + threads < alone ? c + threads : -1, aOmega);
+          for (int l = 1; l < layers; l++) sweepLayer(l, c, partner(c), aOmega);
         for (int c = alone; c < mChunks; c++) {
           clock.lap(mPhaseTimes.layerSweeps);
           sweepPixels(c, -1, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);

@@ -226,7 +226,6 @@ TARNWICK_KERNEL_INLINE void updatePixels(const CPixelSweep& s, ptrdiff_t i, ptrd
   const ptrdiff_t w = s.width;
   const ptrdiff_t stride = kPair ? s.pairStride : 4 * aStep;  // between the quads of u
   const ptrdiff_t weightStride = kPair ? 0 : 4 * aStep;
-  auto pixelOf = [&](int g) { return kPair ? i : i + g * aStep; };
   const L own = L::loadQuads(s.weights + 4 * i, weightStride);
   L out = L::zero();
   if (kUp)
@@ -238,14 +237,14 @@ TARNWICK_KERNEL_INLINE void updatePixels(const CPixelSweep& s, ptrdiff_t i, ptrd
     const float* parents[L::kGroups];
 #pragma GCC unroll 4
     for (int g = 0; g < L::kGroups; g++)
-      parents[g] = s.parentValues + (kPair ? g * s.pairStride : 0) + 4 * s.parent[pixelOf(g)];
+      parents[g] = s.parentValues + (kPair ? g * s.pairStride : 0) + 4 * s.parent[kPair ? i : i + g * aStep];
     out = out - own.template laneOfQuads<2>() * L::gatherQuads(parents);
   }
   if (kCheck && s.md[i] == 0.0f) return;
   const float* rhs[L::kGroups];
 #pragma GCC unroll 4
   for (int g = 0; g < L::kGroups; g++)
-    rhs[g] = s.rhs + (kPair ? g * s.pairRhsStride : 0) + 4 * static_cast<size_t>(s.rhsQuad[pixelOf(g)]);
+    rhs[g] = s.rhs + (kPair ? g * s.pairRhsStride : 0) + 4 * static_cast<size_t>(s.rhsQuad[kPair ? i : i + g * aStep]);
   out = L::splat(s.oneMinusAlpha) * out;
   const L step = own.template laneOfQuads<3>() * (L::gatherQuads(rhs) - out);
   clampUnit(L::splat(s.oneMinusOmega) * L::loadQuads(u + 4 * i, stride) + step).storeQuads(u + 4 * i, stride);
@@ -302,6 +301,18 @@ TARNWICK_KERNEL_INLINE long long awaitProgress(const std::atomic<long long>& aPr
   return seen;
 }
 
+// The second chunk of a pair as a pass of its own, which does not project.
+TARNWICK_KERNEL_INLINE CPixelSweep secondOfPair(const CPixelSweep& aPair) {
+  CPixelSweep second = aPair;
+  second.u += aPair.pairStride;
+  second.rhs += aPair.pairRhsStride;
+  if (second.parentValues != nullptr) second.parentValues += aPair.pairStride;
+  second.pairStride = 0;
+  second.pairRhsStride = 0;
+  second.projectFirst = nullptr;
+  return second;
+}
+
 // The pixels in row-major Gauss-Seidel order, computed as a skewed wavefront:
 // bands of rows, row r of a band trailing row r - 1 by one pixel. Each pixel
 // still reads new degrees above and to its left and old ones below and to its
@@ -320,10 +331,7 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
   constexpr int kBand = kChains * kPixels;
   constexpr int kPublish = 16;  // steps between two reports of a band's progress
   const CPixelSweep s = aSweep;  // a local copy: the stores cannot change it
-  CPixelSweep second = aSweep;    // the second chunk of a pair on its own
-  second.u += s.pairStride;
-  second.rhs += s.pairRhsStride;
-  if (second.parentValues != nullptr) second.parentValues += s.pairStride;
+  const CPixelSweep second = secondOfPair(aSweep);
   const int width = static_cast<int>(s.width);
   const int height = s.height;
   const int bands = (height + kBand - 1) / kBand;
@@ -373,12 +381,7 @@ TARNWICK_KERNEL void sweepPixels(const CPixelSweep& aSweep) {
   CPixelSweep one = aSweep;
   one.pairStride = 0;
   for (int chunk = 0; chunk < (aSweep.pairStride != 0 ? 2 : 1); chunk++) {
-    if (chunk == 1) {
-      one.u += aSweep.pairStride;
-      one.rhs += aSweep.pairRhsStride;
-      if (parent) one.parentValues += aSweep.pairStride;
-      one.projectFirst = nullptr;
-    }
+    if (chunk == 1) one = secondOfPair(aSweep);
     if (one.check)
       parent ? sweepRows<CLanes4, true, true>(one) : sweepRows<CLanes4, false, true>(one);
     else
