@@ -79,7 +79,7 @@ size_t CFlatHierarchy::bytes() const {
   for (const CLayer& l : mLayers)
     total += bytesOf(l.x, l.y, l.firstLeaf, l.parent, l.parentConst, l.parentVar, l.childStart, l.child, l.childConst,
                      l.nbrStart, l.nbr, l.nbrDist, l.nbrConst, l.nbrPair, l.pairNodes, l.pairVar, l.md,
-                     l.omegaOverMd, l.entryStart, l.entryOffset, l.entryG);
+                     l.omegaOverMd, l.order, l.position, l.entryStart, l.entryOffset, l.entryG);
   return total;
 }
 
@@ -121,24 +121,81 @@ void CFlatHierarchy::allocateValues(const CTensor<float>& aImg) {
       for (int k = 0; k < mLabels; k++) mValues[slot(mLayers[l], p, k)] = 1.0f / static_cast<float>(mLabels);
 }
 
+// The order of a layer's sweep, in slots of two nodes whose updates do not
+// read each other and so may overlap (the second -1 when alone). Of two
+// linked nodes the later one reads the earlier one's new degrees and the
+// earlier one the later one's old degrees, so the earlier one must go first;
+// any order that keeps that for every link gives the same bits. Each slot
+// takes the first node not yet swept and, as its partner, the first node
+// within a short window after it whose earlier linked nodes are all swept:
+// the order stays close to the node order, which keeps the children's degrees
+// the sweep gathers close together in memory.
+void CFlatHierarchy::scheduleSweep(CLayer& aLayer) {
+  constexpr int kWindow = 64;
+  const int n = aLayer.nodes;
+  // Per node the later nodes linked to it (from either node's list), and how
+  // many earlier linked nodes are not yet swept.
+  std::vector<int> laterStart(n + 1, 0);
+  std::vector<int> pending(n, 0);
+  for (int p = 0; p < n; p++)
+    for (int j = aLayer.nbrStart[p]; j < aLayer.nbrStart[p + 1]; j++) {
+      const int r = aLayer.nbr[j];
+      if (r == p) continue;
+      laterStart[std::min(p, r) + 1]++;
+      pending[std::max(p, r)]++;
+    }
+  for (int p = 0; p < n; p++) laterStart[p + 1] += laterStart[p];
+  std::vector<int> later(laterStart[n]);
+  std::vector<int> fill(laterStart.begin(), laterStart.end() - 1);
+  for (int p = 0; p < n; p++)
+    for (int j = aLayer.nbrStart[p]; j < aLayer.nbrStart[p + 1]; j++)
+      if (aLayer.nbr[j] != p) later[fill[std::min(p, aLayer.nbr[j])]++] = std::max(p, aLayer.nbr[j]);
+  std::vector<char> swept(n, 0);
+  auto sweep = [&](int p) {
+    swept[p] = 1;
+    for (int j = laterStart[p]; j < laterStart[p + 1]; j++) pending[later[j]]--;
+  };
+  aLayer.order.clear();
+  for (int first = 0; first < n;) {
+    int partner = -1;
+    for (int q = first + 1; q < std::min(n, first + 1 + kWindow) && partner < 0; q++)
+      if (!swept[q] && pending[q] == 0) partner = q;
+    aLayer.order.push_back(first);
+    aLayer.order.push_back(partner);
+    sweep(first);
+    if (partner >= 0) sweep(partner);
+    while (first < n && swept[first]) first++;
+  }
+  aLayer.position.assign(n, 0);
+  for (int s = 0; s < static_cast<int>(aLayer.order.size()); s++)
+    if (aLayer.order[s] >= 0) aLayer.position[aLayer.order[s]] = s;
+}
+
 // The links a coarser node's update walks, in its order: neighbours,
 // children, parent; padded to a multiple of four with links of weight 0 to
-// the zero slot, which leave the sum as it is.
+// the zero slot. The lists follow the sweep order, so that the sweep reads
+// them in one stream.
 void CFlatHierarchy::buildEntries(int aLayer) {
   CLayer& layer = mLayers[aLayer];
   const CLayer& finer = mLayers[aLayer - 1];
   const bool hasParent = aLayer + 1 < size();
-  layer.entryStart.assign(layer.nodes + 1, 0);
-  for (int p = 0; p < layer.nodes; p++) {
-    const int links = layer.nbrStart[p + 1] - layer.nbrStart[p] + layer.childStart[p + 1] - layer.childStart[p] +
-                      (hasParent ? 1 : 0);
-    layer.entryStart[p + 1] = layer.entryStart[p] + (links + 3) / 4 * 4;
+  scheduleSweep(layer);
+  const int positions = static_cast<int>(layer.order.size());
+  layer.entryStart.assign(positions + 1, 0);
+  for (int s = 0; s < positions; s++) {
+    const int p = layer.order[s];
+    const int links = p < 0 ? 0
+                            : layer.nbrStart[p + 1] - layer.nbrStart[p] + layer.childStart[p + 1] -
+                                  layer.childStart[p] + (hasParent ? 1 : 0);
+    layer.entryStart[s + 1] = layer.entryStart[s] + (links + 3) / 4 * 4;
   }
-  layer.entryOffset.assign(layer.entryStart[layer.nodes] + kPrefetchLinks, static_cast<uint32_t>(mZeroSlot));
-  layer.entryG.assign(layer.entryStart[layer.nodes], 0.0f);
+  layer.entryOffset.assign(layer.entryStart[positions] + kPrefetchLinks, static_cast<uint32_t>(mZeroSlot));
+  layer.entryG.assign(layer.entryStart[positions], 0.0f);
   auto at = [](const CLayer& aOwner, int aNode) { return static_cast<uint32_t>(aOwner.base + 4 * static_cast<size_t>(aNode)); };
-  for (int p = 0; p < layer.nodes; p++) {
-    int e = layer.entryStart[p];
+  for (int s = 0; s < positions; s++) {
+    const int p = layer.order[s];
+    if (p < 0) continue;
+    int e = layer.entryStart[s];
     for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) layer.entryOffset[e++] = at(layer, layer.nbr[j]);
     for (int j = layer.childStart[p]; j < layer.childStart[p + 1]; j++) layer.entryOffset[e++] = at(finer, layer.child[j]);
     if (hasParent) layer.entryOffset[e] = at(mLayers[aLayer + 1], layer.parent[p]);

@@ -112,10 +112,14 @@ private:
     std::vector<float> md;             // weight sum (pixels: with the data term)
     std::vector<float> omegaOverMd;    // (coarser layers)
     size_t base = 0;                   // of the layer's degrees within a chunk
-    // What the update of a coarser node walks: per link the offset of the
-    // linked node's degrees within a chunk and the link's weight product.
-    // The offsets run on past the last link (to the zero slot) by the
-    // distance the sweep looks ahead.
+    // The sweep order (coarser layers): slots of two nodes that do not
+    // neighbour each other, the second -1 when a node is alone.
+    std::vector<int> order;
+    std::vector<int> position;  // of every node in the order
+    // What the update of a coarser node walks, per position in the order:
+    // per link the offset of the linked node's degrees within a chunk and the
+    // link's weight product. The offsets run on past the last link (to the
+    // zero slot) by the distance the sweep looks ahead.
     std::vector<int> entryStart;
     std::vector<uint32_t, NFlat::CHugePageAllocator<uint32_t>> entryOffset;
     std::vector<float, NFlat::CHugePageAllocator<float>> entryG;
@@ -125,6 +129,7 @@ private:
   // Per-node arrays of a layer whose node count is set.
   void allocateNodeArrays(CLayer& aLayer);
   void allocateValues(const CTensor<float>& aImg);
+  static void scheduleSweep(CLayer& aLayer);
   void buildEntries(int aLayer);
   size_t slot(const CLayer& aLayer, int aNode, int aLabel) const {
     return mLabelOffset[aLabel] + aLayer.base + static_cast<size_t>(aNode) * 4;
@@ -144,8 +149,6 @@ private:
                    int aTeam = 1, long long aPass = 0);
   // aSecondChunk: another chunk swept alongside, or -1.
   void sweepLayer(int aLayer, int aChunk, int aSecondChunk, float aOmega);
-  template <bool kPrefetch, int kChunks>
-  void sweepLinks(int aLayer, const int* aChunks, float aOmega);
   static void numberPairs(CLayer& aLayer);
   void normalizeNode(const CLayer& aLayer, int aNode);
   // aPixelsLater: the pixels' whole quads are left to the next pixel pass.

@@ -92,7 +92,7 @@ void CFlatHierarchy::computeWeightSums(int aThread, int aThreads, float aAlpha, 
     const bool hasParent = l + 1 < size();
     for (int p = nodes.begin; p < nodes.end; p++) {
       float sum = 0.0f;
-      float* g = layer.entryG.data() + layer.entryStart[p];
+      float* g = layer.entryG.data() + layer.entryStart[layer.position[p]];
       for (int j = layer.nbrStart[p]; j < layer.nbrStart[p + 1]; j++) {
         *g = layer.nbrConst[j] * layer.pairVar[layer.nbrPair[j]];
         sum = sum + *g++;

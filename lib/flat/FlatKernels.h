@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 namespace NFlat {
 
@@ -54,6 +55,26 @@ struct CPixelSweep {
   // register, sharing the loads of the weights.
   ptrdiff_t pairStride = 0;
   ptrdiff_t pairRhsStride = 0;
+};
+
+// One Gauss-Seidel pass over a coarser layer, for one chunk or two. The nodes
+// go in slots of two whose updates do not read each other (see
+// CFlatHierarchy::scheduleSweep); a node's links four at a time, padded with
+// links of weight 0 to the zero slot.
+struct CLayerSweep {
+  const float* values[2];    // each chunk's degrees, which the link offsets address
+  float* u[2];               // the layer's own in each chunk
+  int chunks;                // 1 or 2
+  const int* order;          // two nodes per slot, the second -1 when alone
+  int positions;             // of order
+  const int* entryStart;     // per position: its links, and the next position's
+  const uint32_t* offset;    // per link
+  const float* g;            // per link: its weight product
+  const float* md;           // per node
+  const float* omegaOverMd;  // per node
+  float oneMinusOmega;
+  bool check;                // some node has a weight sum of 0 and keeps its degree
+  int prefetchLinks;         // how many links ahead to ask for the linked degrees; 0: not at all
 };
 
 // The degrees of the pixels, for their edges' value-dependent weights.
@@ -109,6 +130,7 @@ struct CKernels {
   // Pairs [aBegin, aEnd).
   void (*nodePairWeights)(const CNodePairs& aPairs, int aBegin, int aEnd);
   void (*sweepPixels)(const CPixelSweep& aSweep);  // one chunk, or two (pairStride)
+  void (*sweepLayer)(const CLayerSweep& aSweep);
   // Nodes 4 * aFirstQuad up to 4 * aEndQuad.
   void (*project)(const CProjection& aProjection, int aFirstQuad, int aEndQuad);
 };

@@ -390,6 +390,70 @@ TARNWICK_KERNEL void sweepPixels(const CPixelSweep& aSweep) {
 }
 
 // ---------------------------------------------------------------------------
+// Coarser-layer sweep. Every node's update is a chain of dependent
+// subtractions whose order the rounding fixes; the chains of the two nodes of
+// a slot, and of two chunks, are independent and overlap. Layer 1 gathers its
+// children's degrees from all over the pixel layer, in runs too short for the
+// hardware to prefetch: at large sizes they come from memory, so the sweep
+// asks for them a fixed number of links ahead.
+
+// Four links from entry j into the sums of every chunk.
+template <bool kPrefetch, int kChunks>
+TARNWICK_KERNEL_INLINE void gatherLinks(const CLayerSweep& s, CLanes4* aSums, int j) {
+#pragma GCC unroll 4
+  for (int t = 0; t < 4; t++) {
+    const int k = j + t;
+    const CLanes4 weight = CLanes4::splat(s.g[k]);
+#pragma GCC unroll 2
+    for (int c = 0; c < kChunks; c++) {
+      if (kPrefetch) __builtin_prefetch(s.values[c] + s.offset[k + s.prefetchLinks]);
+      aSums[c] = aSums[c] - weight * CLanes4::load(s.values[c] + s.offset[k]);
+    }
+  }
+}
+
+template <int kChunks>
+TARNWICK_KERNEL_INLINE void relaxNode(const CLayerSweep& s, int p, const CLanes4* aSums) {
+  if (s.check && s.md[p] == 0.0f) return;
+  const CLanes4 omegaOverMd = CLanes4::splat(s.omegaOverMd[p]);
+#pragma GCC unroll 2
+  for (int c = 0; c < kChunks; c++) {
+    float* u = s.u[c] + 4 * static_cast<size_t>(p);
+    const CLanes4 step = omegaOverMd * (CLanes4::zero() - aSums[c]);
+    clampUnit(CLanes4::splat(s.oneMinusOmega) * CLanes4::load(u) + step).store(u);
+  }
+}
+
+template <bool kPrefetch, int kChunks>
+TARNWICK_KERNEL void sweepSlots(const CLayerSweep& aSweep) {
+  const CLayerSweep s = aSweep;
+  const int* start = s.entryStart;
+  for (int slot = 0; slot < s.positions; slot += 2) {
+    CLanes4 first[kChunks];
+    CLanes4 second[kChunks];
+    for (int c = 0; c < kChunks; c++) first[c] = second[c] = CLanes4::zero();
+    int j = start[slot];
+    int k = start[slot + 1];
+    for (; j < start[slot + 1] && k < start[slot + 2]; j += 4, k += 4) {
+      gatherLinks<kPrefetch, kChunks>(s, first, j);
+      gatherLinks<kPrefetch, kChunks>(s, second, k);
+    }
+    for (; j < start[slot + 1]; j += 4) gatherLinks<kPrefetch, kChunks>(s, first, j);
+    for (; k < start[slot + 2]; k += 4) gatherLinks<kPrefetch, kChunks>(s, second, k);
+    relaxNode<kChunks>(s, s.order[slot], first);
+    if (s.order[slot + 1] >= 0) relaxNode<kChunks>(s, s.order[slot + 1], second);
+  }
+}
+
+TARNWICK_KERNEL void sweepLayer(const CLayerSweep& aSweep) {
+  const bool prefetch = aSweep.prefetchLinks > 0;
+  if (aSweep.chunks == 2)
+    prefetch ? sweepSlots<true, 2>(aSweep) : sweepSlots<false, 2>(aSweep);
+  else
+    prefetch ? sweepSlots<true, 1>(aSweep) : sweepSlots<false, 1>(aSweep);
+}
+
+// ---------------------------------------------------------------------------
 // Projection onto the simplex, as the layers' normalize does it: rounds of
 // thresholding, one per label; several nodes at once, one per lane. A round
 // whose threshold equals the previous one to the bit selects the same degrees
@@ -521,7 +585,7 @@ TARNWICK_KERNEL void project(const CProjection& aProjection, int aFirstQuad, int
 // aSweep: the pixel pass, this width's own unless another width's is faster.
 template <class L>
 CKernels kernelTable(int aBits, decltype(CKernels::sweepPixels) aSweep = &sweepPixels<L>) {
-  return {aBits, &pixelWeights<L>, &nodePairWeights<L>, aSweep, &project<L>};
+  return {aBits, &pixelWeights<L>, &nodePairWeights<L>, aSweep, &sweepLayer, &project<L>};
 }
 
 }  // namespace
