@@ -108,7 +108,7 @@ void CFlatHierarchy::allocateValues(const CTensor<float>& aImg) {
   mChunkStride = offset + 4;
   // The link lists address a chunk with 32-bit offsets.
   if (mChunkStride > std::numeric_limits<uint32_t>::max()) throw std::length_error("image too large for the solver");
-  mValues.assign(mChunkStride * mChunks, 0.0f);
+  NFlat::fillInParallel(mValues, mChunkStride * mChunks, 0.0f);
   mLabelOffset.resize(mLabels);
   for (int k = 0; k < mLabels; k++)
     mLabelOffset[k] = static_cast<size_t>(k / mLanes) * mChunkStride + static_cast<size_t>(k % mLanes);
@@ -189,8 +189,8 @@ void CFlatHierarchy::buildEntries(int aLayer) {
                                   layer.childStart[p] + (hasParent ? 1 : 0);
     layer.entryStart[s + 1] = layer.entryStart[s] + (links + 3) / 4 * 4;
   }
-  layer.entryOffset.assign(layer.entryStart[positions] + kPrefetchLinks, static_cast<uint32_t>(mZeroSlot));
-  layer.entryG.assign(layer.entryStart[positions], 0.0f);
+  NFlat::fillInParallel(layer.entryOffset, layer.entryStart[positions] + kPrefetchLinks, static_cast<uint32_t>(mZeroSlot));
+  NFlat::fillInParallel(layer.entryG, layer.entryStart[positions], 0.0f);
   auto at = [](const CLayer& aOwner, int aNode) { return static_cast<uint32_t>(aOwner.base + 4 * static_cast<size_t>(aNode)); };
   for (int s = 0; s < positions; s++) {
     const int p = layer.order[s];
@@ -215,7 +215,7 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImage) {
   mConstY.assign(gy.data(), gy.data() + n);
   mVarX.assign(n, 0.0f);
   mVarY.assign(n, 0.0f);
-  mPixelWeights.assign(static_cast<size_t>(n) * 4, 0.0f);
+  NFlat::fillInParallel(mPixelWeights, static_cast<size_t>(n) * 4, 0.0f);
 }
 
 void CFlatHierarchy::pixelNeighbours(int aPixel, std::vector<int>& aOut) const {

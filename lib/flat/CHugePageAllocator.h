@@ -2,7 +2,10 @@
 // with 2 MiB pages. The sweeps walk tens of megabytes per pass, partly by
 // gathering, and with 4 KiB pages most of those reads also miss the address
 // translation caches. Small arrays and systems without the advice get plain
-// memory; the contents never depend on it.
+// memory; the contents never depend on it. A vector with this allocator
+// leaves the elements that resize() adds uninitialised, so that
+// fillInParallel() can make the first touch of its pages, which costs the
+// kernel a zeroing per page, on every thread of the team.
 #pragma once
 
 #include <sys/mman.h>
@@ -11,6 +14,9 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace NFlat {
 
@@ -39,9 +45,29 @@ struct CHugePageAllocator {
       std::free(aMemory);
   }
   template <class U>
+  void construct(U* aPlace) {
+    static_assert(std::is_trivially_default_constructible_v<U>, "only plain numbers are left uninitialised");
+    ::new (static_cast<void*>(aPlace)) U;
+  }
+  template <class U, class... A>
+  void construct(U* aPlace, A&&... aArguments) {
+    ::new (static_cast<void*>(aPlace)) U(std::forward<A>(aArguments)...);
+  }
+  template <class U>
   bool operator==(const CHugePageAllocator<U>&) const { return true; }
   template <class U>
   bool operator!=(const CHugePageAllocator<U>&) const { return false; }
 };
+
+// aVector as aCount copies of aValue, written by a parallel loop.
+template <class T>
+void fillInParallel(std::vector<T, CHugePageAllocator<T>>& aVector, size_t aCount, T aValue) {
+  aVector.clear();
+  aVector.resize(aCount);
+  T* data = aVector.data();
+  const long long count = static_cast<long long>(aCount);
+#pragma omp parallel for schedule(static)
+  for (long long i = 0; i < count; i++) data[i] = aValue;
+}
 
 }  // namespace NFlat
