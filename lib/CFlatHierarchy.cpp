@@ -218,16 +218,6 @@ void CFlatHierarchy::buildPixelLayer(const CTensor<float>& aImage) {
   NFlat::fillInParallel(mPixelWeights, static_cast<size_t>(n) * 4, 0.0f);
 }
 
-void CFlatHierarchy::pixelNeighbours(int aPixel, std::vector<int>& aOut) const {
-  const int x = aPixel % mXSize;
-  const int y = aPixel / mXSize;
-  aOut.clear();
-  if (y > 0) aOut.push_back(aPixel - mXSize);
-  if (x > 0) aOut.push_back(aPixel - 1);
-  if (y < mYSize - 1) aOut.push_back(aPixel + mXSize);
-  if (x < mXSize - 1) aOut.push_back(aPixel + 1);
-}
-
 void CFlatHierarchy::buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg) {
   if (aSeg.zSize() < 3) throw EFileError("segmentation image", "has fewer than three colour channels");
   CLayer& finer = mLayers[aLayer - 1];
@@ -334,20 +324,26 @@ void CFlatHierarchy::linkNeighbours(int aLayer) {
   CLayer& layer = mLayers[aLayer];
   const int n = layer.nodes;
   std::vector<std::vector<int>> adjacent(n);
-  std::vector<int> finerNeighbours;
-  for (int f = 0; f < finer.nodes; f++) {
-    const int p = finer.parent[f];
-    if (aLayer == 1) {
-      pixelNeighbours(f, finerNeighbours);
-    } else {
-      finerNeighbours.assign(finer.nbr.begin() + finer.nbrStart[f], finer.nbr.begin() + finer.nbrStart[f + 1]);
-    }
-    for (int g : finerNeighbours) {
-      const int q = finer.parent[g];
-      if (q == p) continue;
-      std::vector<int>& list = adjacent[p];
-      if (std::find(list.begin(), list.end(), q) == list.end()) list.push_back(q);
-    }
+  const std::vector<int>& parent = finer.parent;
+  auto link = [&](int p, int q) {
+    std::vector<int>& list = adjacent[p];
+    if (std::find(list.begin(), list.end(), q) == list.end()) list.push_back(q);
+  };
+  if (aLayer == 1) {
+    // A pixel's neighbours in the order up, left, down, right; most share
+    // the pixel's parent.
+    for (int y = 0, f = 0; y < mYSize; y++)
+      for (int x = 0; x < mXSize; x++, f++) {
+        const int p = parent[f];
+        if (y > 0 && parent[f - mXSize] != p) link(p, parent[f - mXSize]);
+        if (x > 0 && parent[f - 1] != p) link(p, parent[f - 1]);
+        if (y < mYSize - 1 && parent[f + mXSize] != p) link(p, parent[f + mXSize]);
+        if (x < mXSize - 1 && parent[f + 1] != p) link(p, parent[f + 1]);
+      }
+  } else {
+    for (int f = 0; f < finer.nodes; f++)
+      for (int j = finer.nbrStart[f]; j < finer.nbrStart[f + 1]; j++)
+        if (parent[finer.nbr[j]] != parent[f]) link(parent[f], parent[finer.nbr[j]]);
   }
   checkLinkMemory(aLayer, adjacent);
   layer.nbrStart.assign(n + 1, 0);

@@ -139,7 +139,6 @@ private:
   void buildCoarserLayer(int aLayer, const CTensor<float>& aSeg, const CTensor<float>& aFinerSeg);
   void linkNeighbours(int aLayer);
   void checkLinkMemory(int aLayer, const std::vector<std::vector<int>>& aAdjacent) const;
-  void pixelNeighbours(int aPixel, std::vector<int>& aOut) const;
 
   // The solve's phases, each one thread's share (flat/CFlat*.cpp).
   void computeVariableWeights(int aThread, int aThreads);
