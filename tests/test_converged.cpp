@@ -455,10 +455,8 @@ TEST(Converged, ToolWritesTheUsualResultsAndKeepsTheScribbles) {
   ASSERT_EQ(run.status, 0) << run.err;
   for (const char* name : {"demo_initialLabels.ppm", "demo_dense_soft.ppm", "demo_dense.ppm", "demo_denseOUT.ppm"})
     EXPECT_TRUE(NTest::fileExists(dir.path() + "/TarnwickResults/" + name)) << name;
-  CTensor<float> scribbles;
-  scribbles.readFromPPM((examples + "demo_labels.ppm").c_str());
-  CTensor<float> dense;
-  dense.readFromPPM((dir.path() + "/TarnwickResults/demo_dense.ppm").c_str());
+  const CTensor<float> scribbles = NTest::readPixmap(examples + "demo_labels.ppm");
+  const CTensor<float> dense = NTest::readPixmap(dir.path() + "/TarnwickResults/demo_dense.ppm");
   int marked = 0;
   for (int y = 0; y < dense.ySize(); y++)
     for (int x = 0; x < dense.xSize(); x++) {
