@@ -127,6 +127,16 @@ std::vector<float> values(const CMatrix<float>& aMatrix) {
   return std::vector<float>(aMatrix.data(), aMatrix.data() + aMatrix.size());
 }
 
+std::vector<float> values(const CTensor<float>& aTensor) {
+  return std::vector<float>(aTensor.data(), aTensor.data() + aTensor.size());
+}
+
+CTensor<float> readPixmap(const std::string& aPath) {
+  CTensor<float> image;
+  image.readFromPPM(aPath.c_str());
+  return image;
+}
+
 std::string readFile(const std::string& aPath) {
   std::ifstream file(aPath, std::ios::binary);
   std::ostringstream contents;

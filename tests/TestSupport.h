@@ -55,6 +55,9 @@ std::string labelPixmap(int aWidth, int aHeight);
 // A matrix of the given extents filled row by row from aValues, and back.
 CMatrix<float> matrix(int aXSize, int aYSize, const std::vector<float>& aValues);
 std::vector<float> values(const CMatrix<float>& aMatrix);
+std::vector<float> values(const CTensor<float>& aTensor);
+// A pixmap read with the tool's reader.
+CTensor<float> readPixmap(const std::string& aPath);
 
 std::string readFile(const std::string& aPath);
 void writeFile(const std::string& aPath, const std::string& aContents);

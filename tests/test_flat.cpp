@@ -228,35 +228,7 @@ TEST(FlatSolver, NoLayersIsTheSameError) {
 
 TEST(FlatSolver, WholeRunsGiveTheSameFilesAsTheReference) {
   NTest::CScratchDir dir;
-  std::mt19937 random(5);
-  const int width = 37;
-  const int height = 29;
-  CTensor<float> image(width, height, 3);
-  for (int y = 0; y < height; y++)
-    for (int x = 0; x < width; x++)
-      for (int z = 0; z < 3; z++)
-        image(x, y, z) = static_cast<float>((x < 18 ? 60 : 170) + z * 20 + static_cast<int>(random() % 9));
-  image.writeToPPM(dir.file("img.ppm").c_str());
-  for (int k = 0; k < 3; k++) {
-    CTensor<float> seg(width, height, 3);
-    const int block = 2 << k;
-    for (int y = 0; y < height; y++)
-      for (int x = 0; x < width; x++) {
-        const int id = (y / block) * 31 + x / block;
-        seg(x, y, 0) = static_cast<float>(id % 256);
-        seg(x, y, 1) = static_cast<float>(id / 256 + 40 * k);
-        seg(x, y, 2) = static_cast<float>((x < 18) * 100);
-      }
-    seg.writeToPPM(dir.file("img_seg" + std::to_string(k) + ".ppm").c_str());
-  }
-  CTensor<float> labels(width, height, 3, 255.0f);
-  const float colours[4][3] = {{255, 0, 0}, {0, 0, 255}, {0, 120, 0}, {0, 0, 0}};
-  const int spots[4][2] = {{3, 3}, {30, 20}, {10, 25}, {25, 5}};
-  for (int l = 0; l < 4; l++)
-    for (int z = 0; z < 3; z++) labels(spots[l][0], spots[l][1], z) = colours[l][z];
-  labels.writeToPPM(dir.file("labels.ppm").c_str());
-
-  const std::string image0 = dir.file("img.ppm");
+  NTest::writeScene(dir.path(), 37, 29, 3, {{255, 0, 0}, {0, 0, 255}, {0, 120, 0}, {0, 0, 0}});
   const int threadsBefore = omp_get_max_threads();
   std::vector<std::string> results;
   struct CRun {
@@ -271,14 +243,14 @@ TEST(FlatSolver, WholeRunsGiveTheSameFilesAsTheReference) {
     omp_set_num_threads(run.threads);
     CFlatHierarchy::limitVectorBits(run.bits);
     const std::string prefix = dir.file(std::to_string(results.size()) + "-");
-    std::vector<std::string> args = {"tarnwick", image0, "3", "labels.ppm", "0", "0.3", "2", prefix};
+    std::vector<std::string> args = {"tarnwick", dir.file("frame.ppm"), "3", "labels.ppm", "0", "0.3", "2", prefix};
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     testing::internal::CaptureStdout();
     ASSERT_EQ(NDriver::main(static_cast<int>(argv.size()), argv.data(), run.path), 0);
     testing::internal::GetCapturedStdout();
     std::string all;
-    for (const char* name : {"img_dense_soft.ppm", "img_dense.ppm", "img_denseOUT.ppm"})
+    for (const char* name : {"frame_dense_soft.ppm", "frame_dense.ppm", "frame_denseOUT.ppm"})
       all += NTest::readFile(prefix + "TarnwickResults/" + name);
     results.push_back(all);
   }

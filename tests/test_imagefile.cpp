@@ -121,10 +121,6 @@ std::vector<unsigned char> flat(int aWidth, int aHeight, std::vector<unsigned ch
   return pixels;
 }
 
-std::vector<float> tensorValues(const CTensor<float>& aTensor) {
-  return std::vector<float>(aTensor.data(), aTensor.data() + aTensor.size());
-}
-
 // Reads aPath expecting EFileError; returns what was printed.
 std::string readFailure(const std::string& aPath) {
   testing::internal::CaptureStderr();
@@ -218,8 +214,8 @@ TEST_F(ImageFile, FormatComesFromTheSignatureNotTheName) {
   EXPECT_EQ(NImageFile::detect(mDir.file("pixmap.png")), EFormat::Pixmap);
   EXPECT_EQ(NImageFile::detect(mDir.file("photo.ppm")), EFormat::Jpeg);
   EXPECT_EQ(NImageFile::detect(mDir.file("missing.png")), EFormat::Pixmap);
-  EXPECT_EQ(tensorValues(NImageFile::read(mDir.file("png.ppm"), EContent::ExactColours)), tensorValues(colours));
-  EXPECT_EQ(tensorValues(NImageFile::read(mDir.file("pixmap.png"), EContent::ExactColours)), tensorValues(colours));
+  EXPECT_EQ(NTest::values(NImageFile::read(mDir.file("png.ppm"), EContent::ExactColours)), NTest::values(colours));
+  EXPECT_EQ(NTest::values(NImageFile::read(mDir.file("pixmap.png"), EContent::ExactColours)), NTest::values(colours));
 }
 
 TEST_F(ImageFile, PngWriterStoresTheBytesOfThePixmapWriter) {
@@ -229,8 +225,8 @@ TEST_F(ImageFile, PngWriterStoresTheBytesOfThePixmapWriter) {
   for (int i = 0; i < 9; i++) t(i / 3, 0, i % 3) = values[static_cast<size_t>(i)];
   NImageFile::write(mDir.file("t.png"), t, EFormat::Png);
   NImageFile::write(mDir.file("t.ppm"), t, EFormat::Pixmap);
-  EXPECT_EQ(tensorValues(NImageFile::read(mDir.file("t.png"), EContent::Photo)),
-            tensorValues(NImageFile::read(mDir.file("t.ppm"), EContent::Photo)));
+  EXPECT_EQ(NTest::values(NImageFile::read(mDir.file("t.png"), EContent::Photo)),
+            NTest::values(NImageFile::read(mDir.file("t.ppm"), EContent::Photo)));
   // Atomic like the pixmap writer: a failed write leaves nothing behind.
   testing::internal::CaptureStderr();
   EXPECT_THROW(NImageFile::write(mDir.file("no/such/t.png"), t, EFormat::Png), EFileError);
@@ -339,10 +335,10 @@ TEST(ImageFileRuns, PngInputsGiveTheResultsOfPixmapInputsInEitherFormat) {
   for (const std::string& name : kResults) {
     const std::string pixmap = ppm.file("TarnwickResults/" + name + ".ppm");
     EXPECT_EQ(NTest::readFile(png.file("TarnwickResults/" + name + ".ppm")), NTest::readFile(pixmap)) << name;
-    const std::vector<float> expected = tensorValues(NImageFile::read(pixmap, EContent::Photo));
+    const std::vector<float> expected = NTest::values(NImageFile::read(pixmap, EContent::Photo));
     for (const std::string& result : {png.file("asTarnwickResults/" + name + ".png"), ppm.file("TarnwickResults/" + name + ".png")}) {
       ASSERT_EQ(NImageFile::detect(result), EFormat::Png) << result;
-      EXPECT_EQ(tensorValues(NImageFile::read(result, EContent::Photo)), expected) << result;
+      EXPECT_EQ(NTest::values(NImageFile::read(result, EContent::Photo)), expected) << result;
     }
   }
   EXPECT_EQ(NTest::listDir(png.file("asTarnwickResults")).size(), kResults.size());
@@ -405,9 +401,9 @@ TEST(ImageFileRuns, SegmentToolReadsAnyFormatAndWritesTheChosenOne) {
                                       "e_seg1.ppm"}));
   // The same pixels in, the same regions out, whatever the formats.
   for (const std::string level : {"_seg0", "_seg1"}) {
-    const std::vector<float> expected = tensorValues(NImageFile::read(dir.file("a" + level + ".ppm"), EContent::Photo));
+    const std::vector<float> expected = NTest::values(NImageFile::read(dir.file("a" + level + ".ppm"), EContent::Photo));
     for (const std::string& other : {"b" + level + ".png", "d" + level + ".png", "e" + level + ".ppm"})
-      EXPECT_EQ(tensorValues(NImageFile::read(dir.file(other), EContent::Photo)), expected) << other;
+      EXPECT_EQ(NTest::values(NImageFile::read(dir.file(other), EContent::Photo)), expected) << other;
   }
 }
 #endif

@@ -17,11 +17,7 @@ namespace {
 
 const std::string kExamples = std::string(TARNWICK_SOURCE_DIR) + "/examples/";
 
-CTensor<float> readPixmap(const std::string& aName) {
-  CTensor<float> image;
-  image.readFromPPM((kExamples + aName).c_str());
-  return image;
-}
+CTensor<float> readPixmap(const std::string& aName) { return NTest::readPixmap(kExamples + aName); }
 
 // The demo with its first aSegmentations segmentation files.
 NDriver::CLabellingInput demoProblem(int aSegmentations, std::vector<CVector<int>>& aColours) {
@@ -75,8 +71,11 @@ TEST(Labelling, LabelNumbersOfTheStrongestDegrees) {
       {{0.2f, 0.5f, 0.3f}, 1},
       {{0.4f, 0.4f, 0.2f}, 0},  // a tie goes to the lowest label
       {{0.0f, 0.0f, 1.0f}, 2},
+      {{0.0f, 0.0f, 0.0f}, 0},
+      {{-2.0f, -0.5f, nan}, 1},
       {{nan, 0.1f, nan}, 1},
       {{nan, nan, nan}, -1},  // no winner
+      {{-2.0f, -1.0f, -3.0f}, -1},
   };
   CTensor<float> degrees(static_cast<int>(cases.size()), 1, 3);
   for (size_t x = 0; x < cases.size(); x++)

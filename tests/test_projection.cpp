@@ -1,4 +1,5 @@
-// Projections of label degrees: interval, hard labelling, simplex and unit balls.
+// Projections of label degrees: interval, simplex and unit balls. The hard
+// labelling is checked through its caller in test_labelling.cpp.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "CProjection.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -19,8 +21,6 @@ CTensor<float> pixel(const std::vector<float>& aValues) {
   std::copy(aValues.begin(), aValues.end(), t.data());
   return t;
 }
-
-std::vector<float> valuesOf(const CTensor<float>& aTensor) { return {aTensor.data(), aTensor.data() + aTensor.size()}; }
 
 CTensor<float> randomTensor(int aWidth, int aHeight, int aLayers, float aLow, float aHigh, unsigned aSeed) {
   std::mt19937 random(aSeed);
@@ -44,17 +44,6 @@ TEST(Interval, ClampsAndKeepsNaN) {
   EXPECT_TRUE(std::isnan(value));
 }
 
-TEST(Binary, OneHotWithTiesToTheLowestLabel) {
-  const std::vector<float> cases[][2] = {{{0.3f, 0.3f, 0.4f}, {0, 0, 1}}, {{0.5f, 0.5f, 0}, {1, 0, 0}},
-                                         {{0, 0, 0}, {1, 0, 0}},          {{-2, -0.5f, kNaN}, {0, 1, 0}},
-                                         {{kNaN, kNaN}, {0, 0}},          {{-2, -1}, {0, 0}}};
-  for (const auto& c : cases) {
-    CTensor<float> t = pixel(c[0]);
-    CProjection::binary(t);
-    EXPECT_EQ(valuesOf(t), c[1]);
-  }
-}
-
 TEST(Simplex, ExamplesAndAgreementOfBothMethods) {
   const std::vector<float> cases[][2] = {{{0.5f, 0.5f}, {0.5f, 0.5f}}, {{1, 1}, {0.5f, 0.5f}}, {{2, 0}, {1, 0}}};
   for (const auto& c : cases) {
@@ -62,8 +51,8 @@ TEST(Simplex, ExamplesAndAgreementOfBothMethods) {
     CTensor<float> pivots = michelot;
     CProjection::simplex(michelot);
     CProjection::simplex_DSSC(pivots);
-    EXPECT_EQ(valuesOf(michelot), c[1]);
-    EXPECT_EQ(valuesOf(pivots), c[1]);
+    EXPECT_EQ(NTest::values(michelot), c[1]);
+    EXPECT_EQ(NTest::values(pivots), c[1]);
   }
 
   CTensor<float> michelot = randomTensor(9, 7, 6, -1.0f, 2.0f, 11);
@@ -88,7 +77,7 @@ TEST(Simplex, RandomPivotsDoNotDependOnTheThreadCount) {
     omp_set_num_threads(aThreads);
     CTensor<float> result = degrees;
     CProjection::simplex_DSSC(result);
-    return valuesOf(result);
+    return NTest::values(result);
   };
   const int threads = omp_get_max_threads();
   const std::vector<float> one = project(1);
@@ -101,18 +90,15 @@ TEST(L2Ball, JointVectorsAreScaledIntoTheBall) {
   CTensor<float> p1 = pixel({0.3f, 0.4f});
   CTensor<float> p2 = pixel({0.0f, 0.5f});
   CProjection::L2sphere_coupled(p1, p2);
-  EXPECT_EQ(valuesOf(p1), (std::vector<float>{0.3f, 0.4f}));
+  EXPECT_EQ(NTest::values(p1), (std::vector<float>{0.3f, 0.4f}));
   p1 = pixel({3.0f, 0.0f});
   p2 = pixel({0.0f, 4.0f});
   CProjection::L2sphere_coupled(p1, p2);
-  EXPECT_EQ(valuesOf(p1), (std::vector<float>{0.6f, 0.0f}));
-  EXPECT_EQ(valuesOf(p2), (std::vector<float>{0.0f, 0.8f}));
-}
-
-TEST(L2Ball, WeightedNormsScaleBothFieldsAlike) {
-  CTensor<float> p1 = pixel({3.0f, 0.0f});
-  CTensor<float> p2 = pixel({0.0f, 0.5f});
-  // sqrt(9 * 4 + 0.25 * 0) = 6: both fields shrink by the same factor.
+  EXPECT_EQ(NTest::values(p1), (std::vector<float>{0.6f, 0.0f}));
+  EXPECT_EQ(NTest::values(p2), (std::vector<float>{0.0f, 0.8f}));
+  // Weighted: sqrt(9 * 4 + 0.25 * 0) = 6, both fields shrink by the same factor.
+  p1 = pixel({3.0f, 0.0f});
+  p2 = pixel({0.0f, 0.5f});
   CProjection::L2sphere_w_coupled(p1, p2, CMatrix<float>(1, 1, 4.0f), CMatrix<float>(1, 1, 0.0f));
   EXPECT_FLOAT_EQ(p1(0, 0, 0), 0.5f);
   EXPECT_FLOAT_EQ(p2(0, 0, 1), 0.5f / 6.0f);
@@ -145,6 +131,6 @@ TEST(L2Ball, DykstraBringsEveryPairIntoItsBallAndKeepsTheSums) {
   CTensor<float> inside2 = pixel({0.0f, 0.2f, 0.1f});
   const CMatrix<float> one(1, 1, 1.0f);
   CProjection::L2sphereIntersect_w_dykstra(inside1, inside2, one, one, 5, 0);
-  EXPECT_EQ(valuesOf(inside1), (std::vector<float>{0.1f, 0.3f, -0.2f}));
-  EXPECT_EQ(valuesOf(inside2), (std::vector<float>{0.0f, 0.2f, 0.1f}));
+  EXPECT_EQ(NTest::values(inside1), (std::vector<float>{0.1f, 0.3f, -0.2f}));
+  EXPECT_EQ(NTest::values(inside2), (std::vector<float>{0.0f, 0.2f, 0.1f}));
 }

@@ -82,12 +82,6 @@ std::vector<int> wellFormedCounts(const std::vector<CMatrix<int>>& aLevels) {
   return counts;
 }
 
-CTensor<float> readPixmap(const std::string& aPath) {
-  CTensor<float> image;
-  image.readFromPPM(aPath.c_str());
-  return image;
-}
-
 NTest::CRunResult segmentTool(const std::vector<std::string>& aArgs, const std::string& aWorkDir = ".",
                               const std::vector<std::string>& aEnv = {}) {
   return NTest::run(TARNWICK_SEGMENT_EXE, aArgs, aWorkDir, aEnv);
@@ -182,30 +176,13 @@ TEST(SegmentTool, NamesFollowTheLabellingTool) {
   EXPECT_THROW(segmentationName("data.set/img", "", 0), NSegmentTool::EArgumentError);
 }
 
-TEST(SegmentExecutable, WritesNestedUniquelyColouredLevelsBesideTheImage) {
-  NTest::CScratchDir dir;
-  CTensor<float> image = scene(120, 90);
-  image.writeToPPM(dir.file("frame.ppm").c_str());
-  const NTest::CRunResult result = segmentTool({"frame.ppm", "3", "--regions", "60,20,5"}, dir.path());
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(NTest::listDir(dir.path()),
-            (std::vector<std::string>{"frame.ppm", "frame_seg0.ppm", "frame_seg1.ppm", "frame_seg2.ppm"}));
-  EXPECT_NE(result.out.find("frame_seg2.ppm: 5 regions"), std::string::npos) << result.out;
-  std::vector<CMatrix<int>> levels;
-  for (int k = 0; k < 3; k++) {
-    const CTensor<float> painted = readPixmap(dir.file("frame_seg" + std::to_string(k) + ".ppm"));
-    ASSERT_EQ(std::make_pair(painted.xSize(), painted.ySize()), std::make_pair(120, 90));
-    // Read back by colour: as many colours as regions, each colour one piece.
-    levels.push_back(colourLabels(painted));
-  }
-  EXPECT_EQ(wellFormedCounts(levels), (std::vector<int>{60, 20, 5}));
-}
-
 TEST(SegmentExecutable, OutputFolderAndThreadCount) {
   NTest::CScratchDir dir;
   scene(100, 80).writeToPPM(dir.file("f.ppm").c_str());
-  ASSERT_EQ(segmentTool({"f.ppm", "2", "-o", "out/one"}, dir.path(), {"OMP_NUM_THREADS=1"}).status, 0);
-  ASSERT_EQ(segmentTool({"f.ppm", "2", "--output=two/"}, dir.path(), {"OMP_NUM_THREADS=2"}).status, 0);
+  const NTest::CRunResult one = segmentTool({"f.ppm", "2", "-o", "out/one", "-r", "30,8"}, dir.path(), {"OMP_NUM_THREADS=1"});
+  ASSERT_EQ(one.status, 0) << one.err;
+  EXPECT_NE(one.out.find("f_seg1.ppm: 8 regions"), std::string::npos) << one.out;
+  ASSERT_EQ(segmentTool({"f.ppm", "2", "--output=two/", "-r", "30,8"}, dir.path(), {"OMP_NUM_THREADS=2"}).status, 0);
   EXPECT_EQ(NTest::listDir(dir.file("out/one")), (std::vector<std::string>{"f_seg0.ppm", "f_seg1.ppm"}));
   for (const std::string name : {"f_seg0.ppm", "f_seg1.ppm"})
     EXPECT_EQ(NTest::readFile(dir.file("out/one/" + name)), NTest::readFile(dir.file("two/" + name)));
@@ -213,7 +190,7 @@ TEST(SegmentExecutable, OutputFolderAndThreadCount) {
   // Grey input is painted in colour; no levels create no folder.
   NTest::writeFile(dir.file("grey.pgm"), "P5\n30 20\n255\n" + std::string(600, '\x50'));
   ASSERT_EQ(segmentTool({"grey.pgm", "1"}, dir.path()).status, 0);
-  const CTensor<float> grey = readPixmap(dir.file("grey_seg0.pgm"));
+  const CTensor<float> grey = NTest::readPixmap(dir.file("grey_seg0.pgm"));
   EXPECT_EQ(grey.zSize(), 3);
   EXPECT_EQ(grey(0, 0, 2), 80.0f);
   EXPECT_EQ(segmentTool({"grey.pgm", "0", "-o", "empty"}, dir.path()).status, 0);

@@ -104,7 +104,7 @@ TEST(Overlay, BlendsEveryLayerAndRejectsASmallerImage) {
   CTensor<float> over(2, 1, 2);
   for (int i = 0; i < over.size(); i++) over.data()[i] = 40.0f * i;
   CUtility::plotOverlay(canvas, over, 0.25f);
-  EXPECT_EQ(std::vector<float>(canvas.data(), canvas.data() + 4), (std::vector<float>{75, 85, 95, 105}));
+  EXPECT_EQ(NTest::values(canvas), (std::vector<float>{75, 85, 95, 105}));
   testing::internal::CaptureStderr();
   EXPECT_THROW(CUtility::plotOverlay(canvas, CTensor<float>(1, 1, 2), 0.5f), ETensorIncompatibleSize);
   testing::internal::GetCapturedStderr();
