@@ -18,6 +18,7 @@
 //   128-bit path.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -151,7 +152,8 @@ private:
   static void numberPairs(CLayer& aLayer);
   void normalizeNode(const CLayer& aLayer, int aNode);
   // aPixelsLater: the pixels' whole quads are left to the next pixel pass.
-  void normalizeShare(int aThread, int aThreads, bool aPixelsLater);
+  // aTicket: the team's count of blocks taken, 0 at the start.
+  void normalizeShare(int aThread, int aThreads, bool aPixelsLater, std::atomic<int>& aTicket);
   NFlat::CProjection projectionOf(CLayer& aLayer);
   bool anyZeroWeightSum(int aLayer) const;
 

@@ -1,9 +1,9 @@
 // The flat solver's projection of every node's degrees onto the simplex.
 #include <algorithm>
+#include <atomic>
 
 #include "CFlatHierarchy.h"
 #include "SameBits.h"
-#include "flat/CShare.h"
 #include "flat/FlatKernels.h"
 
 // One node, as the layers' normalize does it: rounds of thresholding, one per
@@ -29,19 +29,31 @@ void CFlatHierarchy::normalizeNode(const CLayer& aLayer, int aNode) {
   for (int i = 0; i < mLabels; i++) base[offset[i]] = std::max(base[offset[i]] - mu, 0.0f);
 }
 
-// One thread's share of every layer's nodes, four at a time or more; the
-// nodes beyond the last four one at a time, each layer's by one thread.
 NFlat::CProjection CFlatHierarchy::projectionOf(CLayer& aLayer) {
   return {chunk(0) + aLayer.base, mChunkStride, mChunks, mLanes, mLabels, mLaneIndex.data()};
 }
 
-void CFlatHierarchy::normalizeShare(int aThread, int aThreads, bool aPixelsLater) {
-  for (int l = 0; l < size(); l++) {
-    CLayer& layer = mLayers[l];
-    const int quads = layer.nodes / 4;
-    const NFlat::CShare mine = NFlat::share(quads, aThread, aThreads);
-    if (l > 0 || !aPixelsLater) mKernels->project(projectionOf(layer), mine.begin, mine.end);
-    if (l % aThreads == aThread)
-      for (int p = 4 * quads; p < layer.nodes; p++) normalizeNode(layer, p);
+// Every layer's whole quads of nodes in blocks that the threads take in turn
+// from aTicket (0 at the start): how long a node takes depends on its degrees,
+// so fixed shares would keep one thread waiting for the other. Every node's
+// result is the same whoever projects it. The nodes beyond the last quad go
+// one at a time, each layer's by one thread.
+void CFlatHierarchy::normalizeShare(int aThread, int aThreads, bool aPixelsLater, std::atomic<int>& aTicket) {
+  constexpr int kBlockQuads = 256;
+  const int first = aPixelsLater ? 1 : 0;
+  for (;;) {
+    int block = aTicket.fetch_add(1, std::memory_order_relaxed);
+    int l = first;
+    for (; l < size(); l++) {
+      const int blocks = (mLayers[l].nodes / 4 + kBlockQuads - 1) / kBlockQuads;
+      if (block < blocks) break;
+      block -= blocks;
+    }
+    if (l == size()) break;
+    const int quads = mLayers[l].nodes / 4;
+    mKernels->project(projectionOf(mLayers[l]), block * kBlockQuads, std::min(quads, (block + 1) * kBlockQuads));
   }
+  for (int l = 0; l < size(); l++)
+    if (l % aThreads == aThread)
+      for (int p = mLayers[l].nodes / 4 * 4; p < mLayers[l].nodes; p++) normalizeNode(mLayers[l], p);
 }

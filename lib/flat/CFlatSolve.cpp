@@ -94,6 +94,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
   mBandProgress = std::vector<NFlat::CBandProgress>(static_cast<size_t>(mYSize));
   mKernels = &kernelsOf(vectorBits());
   std::unique_ptr<NFlat::CYieldingBarrier> barrier;
+  std::atomic<int> projectionTicket{0};
 #pragma omp parallel num_threads(wanted)
   {
 #pragma omp single
@@ -143,8 +144,10 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
         }
         barrier->wait();
         clock.lap(mPhaseTimes.layerSweeps);
-        normalizeShare(thread, threads, pixelsLater);
+        normalizeShare(thread, threads, pixelsLater, projectionTicket);
         barrier->wait();
+        // No thread takes a block again before the next pass's barriers.
+        if (thread == 0) projectionTicket.store(0, std::memory_order_relaxed);
         clock.lap(mPhaseTimes.projection);
       }
     }
