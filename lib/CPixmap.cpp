@@ -22,7 +22,11 @@ std::vector<unsigned char> slurp(const std::string& aFilename) {
   if (!S_ISREG(info.st_mode)) throw EFileError(aFilename, "is not a regular file, not a pixmap file");
   std::ifstream file(aFilename, std::ios::binary);
   if (!file) throw EFileError("File not found: " + aFilename);
-  std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  // The size the file had, in one read; then whatever it has grown by.
+  std::vector<unsigned char> bytes(static_cast<size_t>(info.st_size));
+  file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  bytes.resize(static_cast<size_t>(file.gcount()));
+  if (!file.bad() && file) bytes.insert(bytes.end(), std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   if (file.bad()) throw EFileError(aFilename, "cannot be read");
   if (bytes.empty()) throw EFileError(aFilename, "is empty, not a pixmap file");
   return bytes;

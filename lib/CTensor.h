@@ -169,9 +169,13 @@ void CTensor<T>::readFromPPM(const char* aFilename) {
   NPixmap::CImage image = NPixmap::read(aFilename);
   setSize(image.width, image.height, image.layers);
   const int n = image.width * image.height;
+  const int layers = image.layers;
   const unsigned char* src = image.samples.data();
+  // In parallel: the first write to each fresh page costs the system a zeroing.
+#pragma omp parallel for schedule(static)
   for (int i = 0; i < n; i++)
-    for (int z = 0; z < image.layers; z++) mData[i + static_cast<size_t>(z) * n] = static_cast<T>(*src++);
+    for (int z = 0; z < layers; z++)
+      mData[i + static_cast<size_t>(z) * n] = static_cast<T>(src[static_cast<size_t>(i) * layers + z]);
 }
 
 template <class T>
