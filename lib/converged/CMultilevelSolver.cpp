@@ -17,6 +17,9 @@ constexpr float kDominance = 5.0f;
 // Coarsening that keeps more than this share of the nodes has stalled.
 constexpr double kStall = 0.85;
 constexpr int kMaxLevels = 40;
+// Blocks per level for the threads to share; a level's blocks are fixed by
+// its graph alone.
+constexpr int kMaxBlocks = 16;
 
 // Groups the nodes along their strongest links: a node joins the group of
 // its strongest neighbour, or starts a new group with it. Pixels tied to a
@@ -50,8 +53,10 @@ int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
   return groups;
 }
 
-// The Galerkin product P^T A P for the piecewise constant P of aGroup.
-CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup, int aGroups) {
+// The Galerkin product P^T A P for the piecewise constant P of aGroup; also
+// gives every group's members in order.
+CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup, int aGroups,
+                     std::vector<int>& aMemberStart, std::vector<int>& aMembers) {
   const int n = aMatrix.nodeCount();
   std::vector<int> memberStart(static_cast<size_t>(aGroups) + 1, 0);
   for (int i = 0; i < n; i++)
@@ -90,14 +95,12 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
     coarse.mGround[g] = ground;
     coarse.mStart.push_back(coarse.linkCount());
   }
+  aMemberStart = std::move(memberStart);
+  aMembers = std::move(members);
   return coarse;
 }
 
-// Node-major arrays of values carry this many floats beyond their last node,
-// so that the kernels may load four lanes at every node of three columns.
-constexpr size_t kSlack = 1;
-
-size_t valuesSize(int aNodes, int aColumns) { return static_cast<size_t>(aNodes) * aColumns + kSlack; }
+size_t valuesSize(int aNodes, int aColumns) { return static_cast<size_t>(aNodes) * aColumns; }
 
 // Four floats in one register. Each lane does exactly the operations of the
 // scalar loop, so the bits are those of the plain path.
@@ -111,15 +114,16 @@ CLane4 load4(const float* aValues) {
 
 CLane4 broadcast4(float aValue) { return CLane4{aValue, aValue, aValue, aValue}; }
 
-// A node's columns in registers of four lanes: kColumns >= 3 columns take
+// A node's columns in registers of four lanes: kColumns >= 4 columns take
 // kGroups registers, the last starting four columns before the end (so two
-// registers may share columns and compute them alike); three columns take
-// one register whose fourth lane reads the next node's first column or the
-// slack and is never stored.
+// registers may share columns and compute them alike). Fewer columns take
+// the plain loops: a register of three would have to read a fourth value
+// that may belong to a node another thread is writing.
 template <int kColumns>
 struct CNodeLanes {
+  static_assert(kColumns >= 4, "four columns or more");
   static constexpr int kGroups = (kColumns + 3) / 4;
-  static constexpr int start(int aGroup) { return kColumns < 4 ? 0 : std::min(4 * aGroup, kColumns - 4); }
+  static constexpr int start(int aGroup) { return std::min(4 * aGroup, kColumns - 4); }
   CLane4 mLanes[kGroups];
 
   void load(const float* aValues) {
@@ -129,33 +133,62 @@ struct CNodeLanes {
     for (int g = 0; g < kGroups; g++) mLanes[g] = broadcast4(aValue);
   }
   void store(float* aValues) const {
-    for (int g = 0; g < kGroups; g++)
-      std::memcpy(aValues + start(g), &mLanes[g], (kColumns < 4 ? kColumns : 4) * sizeof(float));
+    for (int g = 0; g < kGroups; g++) std::memcpy(aValues + start(g), &mLanes[g], sizeof(CLane4));
   }
 };
 
-// The kernels below take the column count as a template argument where it
-// is small (0: given at run time) so that the per-column loops unroll; every
-// column goes through the same operations either way.
-template <int kColumns>
-void relaxRows(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX,
-               int aColumns, bool aForward) {
+// aTo[c] += aFrom[c] (or = with kAssign) for the columns of one node. Done
+// column by column: the restriction adds to a node it has just stored, and
+// a load spanning the two overlapping stores of a lane register would stall.
+template <int kColumns, bool kAssign = false>
+void addNode(const float* aFrom, float* aTo, int aColumns) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
-  float fixedSum[kColumns > 0 ? kColumns : 1];
-  std::vector<float> runtimeSum(kColumns > 0 ? 0 : static_cast<size_t>(columns));
-  float* sum = kColumns > 0 ? fixedSum : runtimeSum.data();
-  const int n = aMatrix.nodeCount();
-  if constexpr (kColumns >= 3) {
+  for (int c = 0; c < columns; c++) aTo[c] = kAssign ? aFrom[c] : aTo[c] + aFrom[c];
+}
+
+// The kernels below work on one block of nodes, begin .. end - 1. They take
+// the column count as a template argument where it is small (0: given at run
+// time) so that the per-column loops unroll; every column goes through the
+// same operations either way.
+//
+// A level's nodes fall into phases, consecutive ranges that the smoother
+// sweeps one after the other, and each phase into blocks that it sweeps side
+// by side. Every row's links are ordered in three parts:
+//   [mStart[i], aLowerEnd[i])  earlier phases and earlier nodes of its block,
+//   [aLowerEnd[i], aHaloEnd[i])  other blocks of its phase,
+//   [aHaloEnd[i], mStart[i + 1])  later nodes of its block and later phases.
+//
+// A Gauss-Seidel sweep over one block, in place: each node takes the newest
+// values of its own block and of the other phases, and from the other
+// blocks of its phase their values before the sweep (aHalo). With aHalo null
+// the sweep starts from zero (forward only): a node then takes only the
+// first part, the rest being zero. So the blocks of a phase can be swept
+// side by side, and the result depends on the phases and blocks, never on
+// the threads that sweep them. Forward and backward sweeps are each other's
+// transpose, so the cycle stays symmetric.
+template <int kColumns>
+void relaxRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const int* aHaloEnd,
+               const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX, const float* aHalo,
+               int aColumns, int aBegin, int aEnd, bool aForward) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  if constexpr (kColumns >= 4) {
     using CLanes = CNodeLanes<kColumns>;
-    for (int step = 0; step < n; step++) {
-      const int i = aForward ? step : n - 1 - step;
-      CLanes sum;
-      sum.load(aRhs + static_cast<size_t>(i) * kColumns);
-      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+    const auto add = [&](CLanes& aSum, const float* aValues, int aFirst, int aLast) {
+      for (int e = aFirst; e < aLast; e++) {
         const CLane4 w = broadcast4(aMatrix.mWeight[e]);
         CLanes xj;
-        xj.load(aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * kColumns);
-        for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] += w * xj.mLanes[g];
+        xj.load(aValues + static_cast<size_t>(aMatrix.mNeighbour[e]) * kColumns);
+        for (int g = 0; g < CLanes::kGroups; g++) aSum.mLanes[g] += w * xj.mLanes[g];
+      }
+    };
+    for (int step = aBegin; step < aEnd; step++) {
+      const int i = aForward ? step : aBegin + aEnd - 1 - step;
+      CLanes sum;
+      sum.load(aRhs + static_cast<size_t>(i) * kColumns);
+      add(sum, aX, aMatrix.mStart[i], aLowerEnd[i]);
+      if (aHalo != nullptr) {
+        add(sum, aHalo, aLowerEnd[i], aHaloEnd[i]);
+        add(sum, aX, aHaloEnd[i], aMatrix.mStart[i + 1]);
       }
       const CLane4 inverse = broadcast4(aInverseDiagonal[i]);
       for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] = sum.mLanes[g] * inverse;
@@ -163,27 +196,46 @@ void relaxRows(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDi
     }
     return;
   }
-  for (int step = 0; step < n; step++) {
-    const int i = aForward ? step : n - 1 - step;
+  float fixedSum[kColumns > 0 ? kColumns : 1];
+  std::vector<float> runtimeSum(kColumns > 0 ? 0 : static_cast<size_t>(columns));
+  float* sum = kColumns > 0 ? fixedSum : runtimeSum.data();
+  const auto add = [&](const float* aValues, int aFirst, int aLast) {
+    for (int e = aFirst; e < aLast; e++) {
+      const float w = aMatrix.mWeight[e];
+      const float* xj = aValues + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
+      for (int c = 0; c < columns; c++) sum[c] += w * xj[c];
+    }
+  };
+  for (int step = aBegin; step < aEnd; step++) {
+    const int i = aForward ? step : aBegin + aEnd - 1 - step;
     const float* rhs = aRhs + static_cast<size_t>(i) * columns;
     for (int c = 0; c < columns; c++) sum[c] = rhs[c];
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-      const float w = aMatrix.mWeight[e];
-      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
-      for (int c = 0; c < columns; c++) sum[c] += w * xj[c];
+    add(aX, aMatrix.mStart[i], aLowerEnd[i]);
+    if (aHalo != nullptr) {
+      add(aHalo, aLowerEnd[i], aHaloEnd[i]);
+      add(aX, aHaloEnd[i], aMatrix.mStart[i + 1]);
     }
     float* xi = aX + static_cast<size_t>(i) * columns;
     for (int c = 0; c < columns; c++) xi[c] = sum[c] * aInverseDiagonal[i];
   }
 }
 
+// aOut = A aX over one block; aDot[c] gets the block's sum of aX * aOut per
+// column, in node order.
 template <int kColumns>
-void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
+void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, double* aDot, int aColumns, int aBegin,
+                  int aEnd) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
-  const int n = aMatrix.nodeCount();
-  if constexpr (kColumns >= 3) {
+  double fixedDot[kColumns > 0 ? kColumns : 1] = {};
+  std::vector<double> runtimeDot(kColumns > 0 ? 0 : static_cast<size_t>(columns), 0.0);
+  double* dot = kColumns > 0 ? fixedDot : runtimeDot.data();
+  const auto addDot = [&](int i) {
+    const size_t k = static_cast<size_t>(i) * columns;
+    for (int c = 0; c < columns; c++) dot[c] += static_cast<double>(aX[k + c]) * aOut[k + c];
+  };
+  if constexpr (kColumns >= 4) {
     using CLanes = CNodeLanes<kColumns>;
-    for (int i = 0; i < n; i++) {
+    for (int i = aBegin; i < aEnd; i++) {
       CLanes xi;
       xi.load(aX + static_cast<size_t>(i) * kColumns);
       CLanes sum;
@@ -196,90 +248,125 @@ void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int
         for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] += w * (xi.mLanes[g] - xj.mLanes[g]);
       }
       sum.store(aOut + static_cast<size_t>(i) * kColumns);
+      addDot(i);
     }
-    return;
-  }
-  for (int i = 0; i < n; i++) {
-    float* out = aOut + static_cast<size_t>(i) * columns;
-    const float* xi = aX + static_cast<size_t>(i) * columns;
-    for (int c = 0; c < columns; c++) out[c] = aMatrix.mGround[i] * xi[c];
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-      const float w = aMatrix.mWeight[e];
-      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
-      for (int c = 0; c < columns; c++) out[c] += w * (xi[c] - xj[c]);
+  } else {
+    for (int i = aBegin; i < aEnd; i++) {
+      float* out = aOut + static_cast<size_t>(i) * columns;
+      const float* xi = aX + static_cast<size_t>(i) * columns;
+      for (int c = 0; c < columns; c++) out[c] = aMatrix.mGround[i] * xi[c];
+      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+        const float w = aMatrix.mWeight[e];
+        const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
+        for (int c = 0; c < columns; c++) out[c] += w * (xi[c] - xj[c]);
+      }
+      addDot(i);
     }
   }
+  std::copy(dot, dot + columns, aDot);
 }
 
-// The residual b - A x after one forward sweep from zero: row i's own and
-// earlier terms cancel, only the links to later nodes remain.
+// The residual b - A x after a sweep from zero: of row i only the links the
+// sweep took as zero remain.
 template <int kColumns>
-void sweptResidualRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
+void sweptResidualRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const float* aX, float* aOut, int aColumns,
+                       int aBegin, int aEnd) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
-  const int n = aMatrix.nodeCount();
-  if constexpr (kColumns >= 3) {
+  if constexpr (kColumns >= 4) {
     using CLanes = CNodeLanes<kColumns>;
-    for (int i = 0; i < n; i++) {
+    for (int i = aBegin; i < aEnd; i++) {
       CLanes sum;
       sum.fill(0.0f);
-      for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-        const int j = aMatrix.mNeighbour[e];
-        if (j <= i) continue;
+      for (int e = aLowerEnd[i]; e < aMatrix.mStart[i + 1]; e++) {
         const CLane4 w = broadcast4(aMatrix.mWeight[e]);
         CLanes xj;
-        xj.load(aX + static_cast<size_t>(j) * kColumns);
+        xj.load(aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * kColumns);
         for (int g = 0; g < CLanes::kGroups; g++) sum.mLanes[g] += w * xj.mLanes[g];
       }
       sum.store(aOut + static_cast<size_t>(i) * kColumns);
     }
     return;
   }
-  for (int i = 0; i < n; i++) {
+  for (int i = aBegin; i < aEnd; i++) {
     float* out = aOut + static_cast<size_t>(i) * columns;
     for (int c = 0; c < columns; c++) out[c] = 0.0f;
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-      const int j = aMatrix.mNeighbour[e];
-      if (j <= i) continue;
+    for (int e = aLowerEnd[i]; e < aMatrix.mStart[i + 1]; e++) {
       const float w = aMatrix.mWeight[e];
-      const float* xj = aX + static_cast<size_t>(j) * columns;
+      const float* xj = aX + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
       for (int c = 0; c < columns; c++) out[c] += w * xj[c];
     }
   }
 }
 
-// Between a level and the next, over the nodes i that have a group: adds
-// aFrom's values to aTo's, fine to coarse (restriction, aTo[group of i] +=
-// aFrom[i]) or coarse to fine (prolongation, aTo[i] += aFrom[group of i]).
-template <int kColumns, bool kRestrict>
-void transferRows(const std::vector<int>& aGroup, const float* aFrom, float* aTo, int aColumns) {
+// Restriction from the fine block aBegin .. aEnd - 1. Groups are numbered
+// in the order of their first members, so the groups whose first member lies
+// in the block are aCoarseFirst .. aCoarseLast - 1; the block clears them and
+// adds in the members of those whose members all lie in the block, in their
+// order (aSummedHere). The groups that span blocks, aStraddlers[aStraddlerFirst
+// .. aStraddlerLast - 1], it sums member by member.
+template <int kColumns>
+void restrictRows(const std::vector<int>& aGroup, const std::vector<unsigned char>& aSummedHere,
+                  const std::vector<int>& aMemberStart, const std::vector<int>& aMembers, const int* aStraddlers,
+                  int aStraddlerFirst, int aStraddlerLast, int aCoarseFirst, int aCoarseLast, const float* aFine,
+                  float* aCoarse, int aColumns, int aBegin, int aEnd) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
-  for (size_t i = 0; i < aGroup.size(); i++) {
-    const int g = aGroup[i];
-    if (g < 0) continue;
-    const size_t fine = i * columns;
-    const size_t coarse = static_cast<size_t>(g) * columns;
-    const float* from = aFrom + (kRestrict ? fine : coarse);
-    float* to = aTo + (kRestrict ? coarse : fine);
-    for (int c = 0; c < columns; c++) to[c] += from[c];
+  std::fill(aCoarse + valuesSize(aCoarseFirst, columns), aCoarse + valuesSize(aCoarseLast, columns), 0.0f);
+  for (int i = aBegin; i < aEnd; i++)
+    if (aSummedHere[i])
+      addNode<kColumns>(aFine + static_cast<size_t>(i) * columns, aCoarse + static_cast<size_t>(aGroup[i]) * columns,
+                        columns);
+  for (int s = aStraddlerFirst; s < aStraddlerLast; s++) {
+    float* to = aCoarse + static_cast<size_t>(aStraddlers[s]) * columns;
+    for (int m = aMemberStart[aStraddlers[s]]; m < aMemberStart[aStraddlers[s] + 1]; m++)
+      addNode<kColumns>(aFine + static_cast<size_t>(aMembers[m]) * columns, to, columns);
   }
 }
 
+// Prolongation: every fine node with a group adds its group's value; a node
+// that other blocks of its phase read also keeps the result in aHalo for
+// the sweep that follows.
 template <int kColumns>
-void restrictRows(const std::vector<int>& aGroup, const float* aFine, float* aCoarse, int aColumns) {
-  transferRows<kColumns, true>(aGroup, aFine, aCoarse, aColumns);
+void prolongRows(const std::vector<int>& aGroup, const int* aLowerEnd, const int* aHaloEnd, const float* aCoarse,
+                 float* aFine, float* aHalo, int aColumns, int aBegin, int aEnd) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  for (int i = aBegin; i < aEnd; i++) {
+    const int g = aGroup[i];
+    float* fine = aFine + static_cast<size_t>(i) * columns;
+    if (g >= 0) addNode<kColumns>(aCoarse + static_cast<size_t>(g) * columns, fine, columns);
+    if (aHaloEnd[i] > aLowerEnd[i]) addNode<kColumns, true>(fine, aHalo + static_cast<size_t>(i) * columns, columns);
+  }
 }
 
+// Over one block, per column the largest of aWeight[i] * |aZ| and the sum
+// of aR * aZ in node order.
 template <int kColumns>
-void prolongRows(const std::vector<int>& aGroup, const float* aCoarse, float* aFine, int aColumns) {
-  transferRows<kColumns, false>(aGroup, aCoarse, aFine, aColumns);
+void measureRows(const float* aZ, const float* aR, const float* aWeight, float* aLargest, double* aDot, int aColumns,
+                 int aBegin, int aEnd) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  float fixedLargest[kColumns > 0 ? kColumns : 1] = {};
+  double fixedDot[kColumns > 0 ? kColumns : 1] = {};
+  std::vector<float> runtimeLargest(kColumns > 0 ? 0 : static_cast<size_t>(columns), 0.0f);
+  std::vector<double> runtimeDot(kColumns > 0 ? 0 : static_cast<size_t>(columns), 0.0);
+  float* largest = kColumns > 0 ? fixedLargest : runtimeLargest.data();
+  double* dot = kColumns > 0 ? fixedDot : runtimeDot.data();
+  for (int i = aBegin; i < aEnd; i++) {
+    const size_t k = static_cast<size_t>(i) * columns;
+    for (int c = 0; c < columns; c++) {
+      largest[c] = std::max(largest[c], aWeight[i] * std::fabs(aZ[k + c]));
+      dot[c] += static_cast<double>(aR[k + c]) * aZ[k + c];
+    }
+  }
+  std::copy(largest, largest + columns, aLargest);
+  std::copy(dot, dot + columns, aDot);
 }
 
 // The conjugate gradient step: x += alpha p and r -= alpha q, per column.
 template <int kColumns>
-void stepRows(const float* aAlpha, const float* aP, const float* aQ, float* aX, float* aR, int aNodes, int aColumns) {
+void stepRows(const float* aAlpha, const float* aP, const float* aQ, float* aX, float* aR, int aColumns, int aBegin,
+              int aEnd) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
-  const size_t size = static_cast<size_t>(aNodes) * columns;
-  for (size_t k = 0; k < size; k += static_cast<size_t>(columns))
+  for (size_t k = static_cast<size_t>(aBegin) * columns; k < static_cast<size_t>(aEnd) * columns;
+       k += static_cast<size_t>(columns))
     for (int c = 0; c < columns; c++) {
       aX[k + c] += aAlpha[c] * aP[k + c];
       aR[k + c] -= aAlpha[c] * aQ[k + c];
@@ -288,10 +375,10 @@ void stepRows(const float* aAlpha, const float* aP, const float* aQ, float* aX, 
 
 // The next search direction: p = z + beta p, per column.
 template <int kColumns>
-void directionRows(const float* aBeta, const float* aZ, float* aP, int aNodes, int aColumns) {
+void directionRows(const float* aBeta, const float* aZ, float* aP, int aColumns, int aBegin, int aEnd) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
-  const size_t size = static_cast<size_t>(aNodes) * columns;
-  for (size_t k = 0; k < size; k += static_cast<size_t>(columns))
+  for (size_t k = static_cast<size_t>(aBegin) * columns; k < static_cast<size_t>(aEnd) * columns;
+       k += static_cast<size_t>(columns))
     for (int c = 0; c < columns; c++) aP[k + c] = aZ[k + c] + aBeta[c] * aP[k + c];
 }
 
@@ -309,43 +396,142 @@ void directionRows(const float* aBeta, const float* aZ, float* aP, int aNodes, i
     default: aKernel<0>(__VA_ARGS__); break;              \
   }
 
-// One Gauss-Seidel sweep over all columns, forward or backward.
-void relax(const CSparseGraph& aMatrix, const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX,
-           int aColumns, bool aForward) {
-  TARNWICK_DISPATCH_COLUMNS(relaxRows, aColumns, aMatrix, aInverseDiagonal, aRhs, aX, aColumns, aForward)
+// Runs aWork(block, begin, end) for the blocks aFirst .. aLast - 1 of
+// aBlockStart, shared out among the threads.
+template <class TWork>
+void forBlocks(const std::vector<int>& aBlockStart, int aFirst, int aLast, const TWork& aWork) {
+#pragma omp parallel for schedule(static) if (aLast - aFirst > 1)
+  for (int b = aFirst; b < aLast; b++) aWork(b, aBlockStart[b], aBlockStart[b + 1]);
 }
 
-// aOut = A aX.
-void multiply(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
-  TARNWICK_DISPATCH_COLUMNS(multiplyRows, aColumns, aMatrix, aX, aOut, aColumns)
+template <class TWork>
+void forBlocks(const std::vector<int>& aBlockStart, const TWork& aWork) {
+  forBlocks(aBlockStart, 0, static_cast<int>(aBlockStart.size()) - 1, aWork);
 }
 
-void sweptResidual(const CSparseGraph& aMatrix, const float* aX, float* aOut, int aColumns) {
-  TARNWICK_DISPATCH_COLUMNS(sweptResidualRows, aColumns, aMatrix, aX, aOut, aColumns)
+// Cuts the nodes aFirst .. aLast - 1 into aBlocks ranges with about equal
+// shares of aCost (a running total over the nodes) and appends where each
+// ends to aBlockStart.
+template <class TCost>
+void appendBlocks(int aFirst, int aLast, int aBlocks, const TCost& aCost, std::vector<int>& aBlockStart) {
+  const double total = aCost(aLast) - aCost(aFirst);
+  int made = 1;
+  for (int i = aFirst + 1; i < aLast && made < aBlocks; i++)
+    if (aCost(i) - aCost(aFirst) >= total * made / aBlocks) {
+      aBlockStart.push_back(i);
+      made++;
+    }
+  aBlockStart.push_back(aLast);
 }
 
-void restrictToGroups(const std::vector<int>& aGroup, const float* aFine, float* aCoarse, int aColumns) {
-  TARNWICK_DISPATCH_COLUMNS(restrictRows, aColumns, aGroup, aFine, aCoarse, aColumns)
+// How many blocks a range of nodes whose nodes plus links come to aCost
+// falls into: blocks of at least aBlockSize, one when smaller, at most
+// kMaxBlocks.
+int blockCount(double aCost, int aBlockSize) {
+  return static_cast<int>(std::clamp(aCost / std::max(1, aBlockSize), 1.0, static_cast<double>(kMaxBlocks)));
 }
 
-void prolongFromGroups(const std::vector<int>& aGroup, const float* aCoarse, float* aFine, int aColumns) {
-  TARNWICK_DISPATCH_COLUMNS(prolongRows, aColumns, aGroup, aCoarse, aFine, aColumns)
+// Cuts a level into the blocks of its kernels: the smoother's blocks within
+// each phase, and over the whole level blocks of about equal numbers of
+// nodes plus links (for the matrix products) and of nodes (for the rest).
+template <class TLevel>
+void splitIntoBlocks(TLevel& aLevel, int aBlockSize) {
+  const CSparseGraph& matrix = aLevel.mMatrix;
+  const int n = matrix.nodeCount();
+  const auto cost = [&](int aNode) { return static_cast<double>(matrix.mStart[aNode]) + aNode; };
+  aLevel.mBlockStart.assign(1, 0);
+  aLevel.mPhaseBlock.assign(1, 0);
+  for (size_t p = 0; p < matrix.mPhaseStart.size(); p++) {
+    const int first = matrix.mPhaseStart[p];
+    const int last = p + 1 < matrix.mPhaseStart.size() ? matrix.mPhaseStart[p + 1] : n;
+    if (last > first)
+      appendBlocks(first, last, blockCount(cost(last) - cost(first), aBlockSize), cost, aLevel.mBlockStart);
+    aLevel.mPhaseBlock.push_back(static_cast<int>(aLevel.mBlockStart.size()) - 1);
+  }
+  const int blocks = blockCount(cost(n), aBlockSize);
+  aLevel.mRowBlockStart.assign(1, 0);
+  appendBlocks(0, n, blocks, cost, aLevel.mRowBlockStart);
+  aLevel.mNodeBlockStart.assign(1, 0);
+  appendBlocks(0, n, blocks, [](int aNode) { return static_cast<double>(aNode); }, aLevel.mNodeBlockStart);
 }
 
-void step(const float* aAlpha, const float* aP, const float* aQ, float* aX, float* aR, int aNodes, int aColumns) {
-  TARNWICK_DISPATCH_COLUMNS(stepRows, aColumns, aAlpha, aP, aQ, aX, aR, aNodes, aColumns)
+// Orders every row's links in the three parts that relaxRows reads, keeping
+// their order within each part, and gives where the first two end.
+void orderLinks(CSparseGraph& aMatrix, const std::vector<int>& aBlockStart, const std::vector<int>& aPhaseBlock,
+                std::vector<int>& aLowerEnd, std::vector<int>& aHaloEnd) {
+  const int n = aMatrix.nodeCount();
+  aLowerEnd.resize(static_cast<size_t>(n));
+  aHaloEnd.resize(static_cast<size_t>(n));
+  for (size_t p = 0; p + 1 < aPhaseBlock.size(); p++) {
+    const int phaseFirst = aBlockStart[aPhaseBlock[p]];
+    const int phaseLast = aBlockStart[aPhaseBlock[p + 1]];
+#pragma omp parallel for schedule(static)
+    for (int b = aPhaseBlock[p]; b < aPhaseBlock[p + 1]; b++) {
+      const int begin = aBlockStart[b];
+      const int end = aBlockStart[b + 1];
+      std::vector<int> neighbour;
+      std::vector<float> weight;
+      for (int i = begin; i < end; i++) {
+        neighbour.clear();
+        weight.clear();
+        const auto take = [&](const auto& aInPart) {
+          for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++)
+            if (aInPart(aMatrix.mNeighbour[e])) {
+              neighbour.push_back(aMatrix.mNeighbour[e]);
+              weight.push_back(aMatrix.mWeight[e]);
+            }
+          return aMatrix.mStart[i] + static_cast<int>(neighbour.size());
+        };
+        const auto halo = [&](int j) { return j >= phaseFirst && j < phaseLast && (j < begin || j >= end); };
+        aLowerEnd[i] = take([&](int j) { return j < phaseFirst || (j >= begin && j < i); });
+        aHaloEnd[i] = take(halo);
+        take([&](int j) { return !halo(j) && (j >= phaseLast || (j > i && j < end)); });
+        std::copy(neighbour.begin(), neighbour.end(), aMatrix.mNeighbour.begin() + aMatrix.mStart[i]);
+        std::copy(weight.begin(), weight.end(), aMatrix.mWeight.begin() + aMatrix.mStart[i]);
+      }
+    }
+  }
 }
 
-void newDirection(const float* aBeta, const float* aZ, float* aP, int aNodes, int aColumns) {
-  TARNWICK_DISPATCH_COLUMNS(directionRows, aColumns, aBeta, aZ, aP, aNodes, aColumns)
+// Plans the restriction of a level with groups (see restrictRows): which
+// fine nodes their block sums, per block its groups that span blocks, and
+// the first group of every block.
+template <class TLevel>
+void planRestriction(TLevel& aLevel) {
+  const std::vector<int>& blockStart = aLevel.mNodeBlockStart;
+  const std::vector<int>& memberStart = aLevel.mMemberStart;
+  const std::vector<int>& members = aLevel.mMembers;
+  const int blocks = static_cast<int>(blockStart.size()) - 1;
+  std::vector<int> blockOf(aLevel.mAggregate.size());
+  for (int b = 0; b < blocks; b++) std::fill(blockOf.begin() + blockStart[b], blockOf.begin() + blockStart[b + 1], b);
+  aLevel.mSummedHere.assign(aLevel.mAggregate.size(), 0);
+  aLevel.mCoarseStart.assign(static_cast<size_t>(blocks) + 1, 0);
+  std::vector<std::vector<int>> straddlers(static_cast<size_t>(blocks));
+  const int groups = static_cast<int>(memberStart.size()) - 1;
+  for (int g = 0; g < groups; g++) {
+    const int first = blockOf[members[memberStart[g]]];
+    aLevel.mCoarseStart[first + 1] = g + 1;
+    if (first != blockOf[members[memberStart[g + 1] - 1]]) {
+      straddlers[first].push_back(g);
+      continue;
+    }
+    for (int m = memberStart[g]; m < memberStart[g + 1]; m++) aLevel.mSummedHere[members[m]] = 1;
+  }
+  for (int b = 0; b < blocks; b++) aLevel.mCoarseStart[b + 1] = std::max(aLevel.mCoarseStart[b + 1], aLevel.mCoarseStart[b]);
+  aLevel.mStraddlerStart.assign(1, 0);
+  aLevel.mStraddlers.clear();
+  for (const std::vector<int>& list : straddlers) {
+    aLevel.mStraddlers.insert(aLevel.mStraddlers.end(), list.begin(), list.end());
+    aLevel.mStraddlerStart.push_back(static_cast<int>(aLevel.mStraddlers.size()));
+  }
 }
 
-// Per column the sum of aA * aB over the nodes, in node order.
-void columnDots(const float* aA, const float* aB, int aNodes, int aColumns, std::vector<double>& aDots) {
-  aDots.assign(static_cast<size_t>(aColumns), 0.0);
-  for (int i = 0; i < aNodes; i++)
-    for (int c = 0; c < aColumns; c++)
-      aDots[c] += static_cast<double>(aA[static_cast<size_t>(i) * aColumns + c]) * aB[static_cast<size_t>(i) * aColumns + c];
+// Per column the sum over the blocks, in block order, of aPartial (one
+// value per block and column).
+std::vector<double> sumOverBlocks(const std::vector<double>& aPartial, int aColumns) {
+  std::vector<double> sum(static_cast<size_t>(aColumns), 0.0);
+  for (size_t k = 0; k < aPartial.size(); k++) sum[k % aColumns] += aPartial[k];
+  return sum;
 }
 
 }  // namespace
@@ -355,10 +541,11 @@ struct CMultilevelSolver::CWork {
   int mColumns = 0;
   std::vector<std::vector<float>> mRhs;
   std::vector<std::vector<float>> mX;
+  std::vector<std::vector<float>> mHalo;  // per level, values other blocks read during a sweep
   std::vector<float> mResidual;
 };
 
-CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
+CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix, int aBlockSize) {
   mLevels.emplace_back();
   mLevels.back().mMatrix = std::move(aMatrix);
   while (mLevels.back().mMatrix.nodeCount() > kDirectLimit && static_cast<int>(mLevels.size()) < kMaxLevels) {
@@ -366,13 +553,15 @@ CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix) {
     std::vector<int> group;
     const int coarseCount = groupNodes(fine.mMatrix, group);
     if (coarseCount > kStall * fine.mMatrix.nodeCount()) break;
-    CSparseGraph coarse = coarsen(fine.mMatrix, group, coarseCount);
+    CSparseGraph coarse = coarsen(fine.mMatrix, group, coarseCount, fine.mMemberStart, fine.mMembers);
     fine.mAggregate = std::move(group);
-    fine.mCoarseCount = coarseCount;
     mLevels.emplace_back();
     mLevels.back().mMatrix = std::move(coarse);
   }
   for (CLevel& level : mLevels) {
+    splitIntoBlocks(level, aBlockSize);
+    orderLinks(level.mMatrix, level.mBlockStart, level.mPhaseBlock, level.mLowerEnd, level.mHaloEnd);
+    if (!level.mAggregate.empty()) planRestriction(level);
     const CSparseGraph& matrix = level.mMatrix;
     level.mInverseDiagonal.resize(matrix.mGround.size());
     for (int i = 0; i < matrix.nodeCount(); i++) level.mInverseDiagonal[i] = 1.0f / (matrix.linkSum(i) + matrix.mGround[i]);
@@ -412,6 +601,19 @@ void CMultilevelSolver::factorCoarsest() {
   }
 }
 
+void CMultilevelSolver::sweep(int aLevel, const float* aRhs, float* aX, const float* aHalo, int aColumns,
+                              bool aForward) const {
+  const CLevel& level = mLevels[aLevel];
+  const int phases = static_cast<int>(level.mPhaseBlock.size()) - 1;
+  for (int k = 0; k < phases; k++) {
+    const int p = aForward ? k : phases - 1 - k;
+    forBlocks(level.mBlockStart, level.mPhaseBlock[p], level.mPhaseBlock[p + 1], [&](int, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(relaxRows, aColumns, level.mMatrix, level.mLowerEnd.data(), level.mHaloEnd.data(),
+                                level.mInverseDiagonal, aRhs, aX, aHalo, aColumns, aBegin, aEnd, aForward)
+    });
+  }
+}
+
 void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
   const int last = levelCount() - 1;
   const CLevel& level = mLevels[last];
@@ -421,15 +623,17 @@ void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
   float* x = aWork.mX[last].data();
   if (mCholesky.empty()) {
     // Coarsening stalled above the direct size: symmetric sweeps instead.
-    std::fill(x, x + static_cast<size_t>(n) * columns, 0.0f);
-    for (int sweep = 0; sweep < 10; sweep++) {
-      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true);
-      relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
+    sweep(last, rhs, x, nullptr, columns, true);
+    std::vector<float> halo(valuesSize(n, columns));
+    for (int round = 1; round < 20; round++) {
+      std::copy(x, x + halo.size(), halo.begin());
+      sweep(last, rhs, x, halo.data(), columns, round % 2 == 0);
     }
     return;
   }
-  std::vector<double> y(static_cast<size_t>(n));
+#pragma omp parallel for schedule(static) if (columns > 1)
   for (int c = 0; c < columns; c++) {
+    std::vector<double> y(static_cast<size_t>(n));
     for (int i = 0; i < n; i++) {
       double sum = rhs[static_cast<size_t>(i) * columns + c];
       for (int k = 0; k < i; k++) sum -= mCholesky[static_cast<size_t>(i) * n + k] * y[k];
@@ -445,27 +649,37 @@ void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
 }
 
 // A symmetric V-cycle from a zero guess: forward sweep, coarse correction of
-// the residual, backward sweep.
+// the residual, backward sweep. Each step is shared out by blocks.
 void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   if (aLevel == levelCount() - 1) {
     solveCoarsest(aWork);
     return;
   }
   const CLevel& level = mLevels[aLevel];
-  const int n = level.mMatrix.nodeCount();
   const int columns = aWork.mColumns;
   const float* rhs = aWork.mRhs[aLevel].data();
   float* x = aWork.mX[aLevel].data();
-  std::fill(x, x + static_cast<size_t>(n) * columns, 0.0f);
-  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, true);
   float* residual = aWork.mResidual.data();
-  sweptResidual(level.mMatrix, x, residual, columns);
-  std::vector<float>& coarseRhs = aWork.mRhs[aLevel + 1];
-  std::fill(coarseRhs.begin(), coarseRhs.end(), 0.0f);
-  restrictToGroups(level.mAggregate, residual, coarseRhs.data(), columns);
+  sweep(aLevel, rhs, x, nullptr, columns, true);
+  forBlocks(level.mRowBlockStart, [&](int, int aBegin, int aEnd) {
+    TARNWICK_DISPATCH_COLUMNS(sweptResidualRows, columns, level.mMatrix, level.mLowerEnd.data(), x, residual, columns,
+                              aBegin, aEnd)
+  });
+  float* coarseRhs = aWork.mRhs[aLevel + 1].data();
+  forBlocks(level.mNodeBlockStart, [&](int aBlock, int aBegin, int aEnd) {
+    TARNWICK_DISPATCH_COLUMNS(restrictRows, columns, level.mAggregate, level.mSummedHere, level.mMemberStart,
+                              level.mMembers, level.mStraddlers.data(), level.mStraddlerStart[aBlock],
+                              level.mStraddlerStart[aBlock + 1], level.mCoarseStart[aBlock],
+                              level.mCoarseStart[aBlock + 1], residual, coarseRhs, columns, aBegin, aEnd)
+  });
   cycle(aLevel + 1, aWork);
-  prolongFromGroups(level.mAggregate, aWork.mX[aLevel + 1].data(), x, columns);
-  relax(level.mMatrix, level.mInverseDiagonal, rhs, x, columns, false);
+  const float* coarseX = aWork.mX[aLevel + 1].data();
+  float* halo = aWork.mHalo[aLevel].data();
+  forBlocks(level.mNodeBlockStart, [&](int, int aBegin, int aEnd) {
+    TARNWICK_DISPATCH_COLUMNS(prolongRows, columns, level.mAggregate, level.mLowerEnd.data(), level.mHaloEnd.data(),
+                              coarseX, x, halo, columns, aBegin, aEnd)
+  });
+  sweep(aLevel, rhs, x, halo, columns, false);
 }
 
 namespace {
@@ -486,18 +700,25 @@ void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
   aWork.mColumns = aColumns;
   aWork.mRhs.resize(mLevels.size());
   aWork.mX.resize(mLevels.size());
+  aWork.mHalo.resize(mLevels.size());
+  // Every kernel writes these before it reads them, and the column count
+  // only falls, so they are sized without being filled.
   for (size_t l = 0; l < mLevels.size(); l++) {
     const size_t size = valuesSize(mLevels[l].mMatrix.nodeCount(), aColumns);
     // The finest level's residual and preconditioned residual carry over.
-    if (l > 0) aWork.mRhs[l].assign(size, 0.0f);
-    if (l > 0) aWork.mX[l].assign(size, 0.0f);
+    if (l > 0) aWork.mRhs[l].resize(size);
+    if (l > 0) aWork.mX[l].resize(size);
+    if (l + 1 < mLevels.size()) aWork.mHalo[l].resize(size);
   }
-  aWork.mResidual.assign(valuesSize(mLevels[0].mMatrix.nodeCount(), aColumns), 0.0f);
+  aWork.mResidual.resize(valuesSize(mLevels[0].mMatrix.nodeCount(), aColumns));
 }
 
 CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance,
                                       int aMaxIterations) const {
-  const int n = mLevels[0].mMatrix.nodeCount();
+  const CLevel& finest = mLevels[0];
+  const int n = finest.mMatrix.nodeCount();
+  const std::vector<int>& blocks = finest.mNodeBlockStart;
+  const std::vector<int>& rowBlocks = finest.mRowBlockStart;
   // The columns still iterated, in their order; a column that has settled
   // is written out and dropped, so that the others run on without its work.
   std::vector<int> columnOf(static_cast<size_t>(aColumns));
@@ -506,8 +727,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   CWork work;
   work.mRhs.assign(mLevels.size(), {});
   work.mX.assign(mLevels.size(), {});
-  work.mRhs[0].assign(valuesSize(n, aColumns), 0.0f);
-  std::copy(aRhs, aRhs + static_cast<size_t>(n) * aColumns, work.mRhs[0].begin());
+  work.mRhs[0].assign(aRhs, aRhs + valuesSize(n, aColumns));
   work.mX[0].assign(valuesSize(n, aColumns), 0.0f);
   prepare(work, columns);
 
@@ -516,19 +736,30 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   std::vector<float> x(valuesSize(n, aColumns), 0.0f);
   std::vector<float> p;
   std::vector<float> q(x.size());
+  const size_t blockCount = blocks.size() - 1;
   std::vector<double> rz;
-  std::vector<double> pq;
-  CSolveResult result;
+  std::vector<double> rzNew;
+  std::vector<float> largest;
   // The preconditioned residual z = M r estimates the remaining error of
-  // every node in the units of the solution; a column stops once its
-  // weighted estimate is below the tolerance everywhere. Returns whether
-  // any column goes on.
+  // every node in the units of the solution. One pass gives per column the
+  // largest weighted estimate and the dot r . z.
+  const auto measure = [&] {
+    std::vector<float> blockLargest(blockCount * columns);
+    std::vector<double> blockDot(blockCount * columns);
+    forBlocks(blocks, [&](int aBlock, int aBegin, int aEnd) {
+      const size_t at = static_cast<size_t>(aBlock) * columns;
+      TARNWICK_DISPATCH_COLUMNS(measureRows, columns, z.data(), r.data(), mErrorWeight.data(), &blockLargest[at],
+                                &blockDot[at], columns, aBegin, aEnd)
+    });
+    largest.assign(static_cast<size_t>(columns), 0.0f);
+    for (size_t k = 0; k < blockLargest.size(); k++) largest[k % columns] = std::max(largest[k % columns], blockLargest[k]);
+    rzNew = sumOverBlocks(blockDot, columns);
+  };
+  CSolveResult result;
+  // A column stops once its weighted estimate is below the tolerance
+  // everywhere. Returns whether any column goes on.
   const auto settle = [&](int aIteration) {
     result.mIterations = std::max(result.mIterations, aIteration);
-    std::vector<float> largest(static_cast<size_t>(columns), 0.0f);
-    for (int i = 0; i < n; i++)
-      for (int c = 0; c < columns; c++)
-        largest[c] = std::max(largest[c], mErrorWeight[i] * std::fabs(z[static_cast<size_t>(i) * columns + c]));
     std::vector<int> keep;
     for (int c = 0; c < columns; c++) {
       if (largest[c] > aTolerance && aIteration < aMaxIterations) {
@@ -536,46 +767,61 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
         continue;
       }
       result.mLargestError = std::max(result.mLargestError, static_cast<double>(largest[c]));
-      for (int i = 0; i < n; i++)
-        aSolution[static_cast<size_t>(i) * aColumns + columnOf[static_cast<size_t>(c)]] = x[static_cast<size_t>(i) * columns + c];
+      forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+        for (int i = aBegin; i < aEnd; i++)
+          aSolution[static_cast<size_t>(i) * aColumns + columnOf[static_cast<size_t>(c)]] = x[static_cast<size_t>(i) * columns + c];
+      });
     }
     if (static_cast<int>(keep.size()) == columns) return true;
     for (std::vector<float>* values : {&x, &r, &z, &p, &q}) keepColumns(*values, n, columns, keep);
     std::vector<int> kept;
     std::vector<double> keptRz;
+    std::vector<double> keptRzNew;
     for (const int c : keep) {
       kept.push_back(columnOf[static_cast<size_t>(c)]);
       if (!rz.empty()) keptRz.push_back(rz[static_cast<size_t>(c)]);
+      keptRzNew.push_back(rzNew[static_cast<size_t>(c)]);
     }
     columnOf = kept;
     rz = keptRz;
+    rzNew = keptRzNew;
     columns = static_cast<int>(keep.size());
     prepare(work, columns);
     return columns > 0;
   };
   cycle(0, work);
   p.assign(x.size(), 0.0f);
+  measure();
   if (!settle(0)) return result;
-  columnDots(r.data(), z.data(), n, columns, rz);
+  rz = rzNew;
   p = z;
+  std::vector<double> blockPq;
   std::vector<float> alpha;
   std::vector<float> beta;
   for (int iteration = 1;; iteration++) {
-    multiply(mLevels[0].mMatrix, p.data(), q.data(), columns);
-    columnDots(p.data(), q.data(), n, columns, pq);
+    blockPq.resize(static_cast<size_t>(rowBlocks.size() - 1) * columns);
+    forBlocks(rowBlocks, [&](int aBlock, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(multiplyRows, columns, finest.mMatrix, p.data(), q.data(),
+                                &blockPq[static_cast<size_t>(aBlock) * columns], columns, aBegin, aEnd)
+    });
+    const std::vector<double> pq = sumOverBlocks(blockPq, columns);
     alpha.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) alpha[c] = pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
-    step(alpha.data(), p.data(), q.data(), x.data(), r.data(), n, columns);
+    forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(stepRows, columns, alpha.data(), p.data(), q.data(), x.data(), r.data(), columns, aBegin,
+                                aEnd)
+    });
     cycle(0, work);
+    measure();
     if (!settle(iteration)) return result;
-    std::vector<double> rzNew;
-    columnDots(r.data(), z.data(), n, columns, rzNew);
     beta.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) {
       beta[c] = rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
       rz[c] = rzNew[c];
     }
-    newDirection(beta.data(), z.data(), p.data(), n, columns);
+    forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(directionRows, columns, beta.data(), z.data(), p.data(), columns, aBegin, aEnd)
+    });
   }
 }
 

@@ -1,7 +1,7 @@
 // Conjugate gradients preconditioned by an aggregation multigrid cycle, for
-// the symmetric positive definite systems of CSparseGraph form. The coarse
-// levels group strongly linked nodes in pairs, twice per level, and take the
-// Galerkin product as their system, so a cycle costs a small multiple of one
+// the symmetric positive definite systems of CSparseGraph form. Each coarse
+// level groups every node with its strongest neighbour and takes the
+// Galerkin product as its system, so a cycle costs a small multiple of one
 // sweep over the matrix whatever the graph's diameter.
 #pragma once
 
@@ -18,7 +18,14 @@ struct CSolveResult {
 
 class CMultilevelSolver {
 public:
-  explicit CMultilevelSolver(CSparseGraph aMatrix);
+  // The smoother sweeps the phases of a level (CSparseGraph::mPhaseStart;
+  // the coarser levels have one) one after the other, and the blocks of a
+  // phase side by side, each of at least aBlockSize nodes plus links (at most
+  // 16 per phase): inside a block it is Gauss-Seidel, between the blocks of
+  // a phase it takes the values before the sweep. The blocks depend on the
+  // graph and aBlockSize alone, so the results are the same for any number
+  // of threads.
+  CMultilevelSolver(CSparseGraph aMatrix, int aBlockSize);
 
   // Solves A X = B for aColumns right-hand sides stored node-major
   // (aRhs[i * aColumns + c]) into aSolution, laid out alike. Every column is
@@ -35,7 +42,25 @@ private:
     CSparseGraph mMatrix;
     std::vector<float> mInverseDiagonal;
     std::vector<int> mAggregate;  // node -> node of the next level, -1 when left to the smoother
-    int mCoarseCount = 0;
+    std::vector<int> mMemberStart;  // the members of node g of the next level are
+    std::vector<int> mMembers;      // mMembers[mMemberStart[g]] .. mMembers[mMemberStart[g + 1] - 1]
+    // The restriction's plan over the node blocks: which nodes their block
+    // sums, each block's first group, and its groups that span blocks,
+    // mStraddlers[mStraddlerStart[b]] .. mStraddlers[mStraddlerStart[b + 1] - 1].
+    std::vector<unsigned char> mSummedHere;
+    std::vector<int> mCoarseStart;
+    std::vector<int> mStraddlerStart;
+    std::vector<int> mStraddlers;
+    // The smoother's blocks: block b holds the nodes mBlockStart[b] ..
+    // mBlockStart[b + 1] - 1, phase p the blocks mPhaseBlock[p] ..
+    // mPhaseBlock[p + 1] - 1. The other kernels cut the level into blocks of
+    // about equal nodes plus links (mRowBlockStart) or nodes (mNodeBlockStart).
+    std::vector<int> mBlockStart;
+    std::vector<int> mPhaseBlock;
+    std::vector<int> mRowBlockStart;
+    std::vector<int> mNodeBlockStart;
+    std::vector<int> mLowerEnd;     // per row, where the parts of its links end (see the smoother)
+    std::vector<int> mHaloEnd;
   };
   struct CWork;
 
@@ -43,6 +68,9 @@ private:
   void prepare(CWork& aWork, int aColumns) const;
   void factorCoarsest();
   void cycle(int aLevel, CWork& aWork) const;
+  // One sweep of the smoother over level aLevel, in place; aHalo as in the
+  // smoother's kernel.
+  void sweep(int aLevel, const float* aRhs, float* aX, const float* aHalo, int aColumns, bool aForward) const;
   void solveCoarsest(CWork& aWork) const;
 
   std::vector<CLevel> mLevels;

@@ -14,6 +14,9 @@ struct CSparseGraph {
   std::vector<int> mNeighbour;
   std::vector<float> mWeight;
   std::vector<float> mGround;
+  // The nodes fall into phases, consecutive ranges starting at these nodes,
+  // that the smoother sweeps one after the other (see CMultilevelSolver).
+  std::vector<int> mPhaseStart{0};
 
   int nodeCount() const { return static_cast<int>(mGround.size()); }
   // Sum of the row's link weights.

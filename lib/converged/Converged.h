@@ -49,6 +49,10 @@ struct CConvergedParameters {
   // degrees lie within a few thousandths of each other.
   float mTolerance = 1e-3f;
   int mMaxIterations = 300;
+  // The smallest block, in unknowns plus links, that the threads share out
+  // (see CMultilevelSolver); it shapes the smoother, so the result depends
+  // on it, but not on the number of threads.
+  int mBlockSize = 65536;
 };
 
 // What a solve did, for transcripts and benchmarks.

@@ -151,9 +151,11 @@ void addPixelEdges(int aWidth, int aHeight, const std::vector<const double*>& aP
 
 // Links of every pixel to its finest region and of every region to its
 // parent, gated by the normalised distance of the two ends' values; labelled
-// pixels hold on to their region more strongly.
-void addRegionLinks(const CPixelValues& aValues, const std::vector<CTensor<float>>& aSegmentations,
-                    const CConvergedParameters& aParameters, const CMatrix<int>& aLabelOf, std::vector<CEdge>& aEdges) {
+// pixels hold on to their region more strongly. Returns the number of
+// regions of every segmentation.
+std::vector<int> addRegionLinks(const CPixelValues& aValues, const std::vector<CTensor<float>>& aSegmentations,
+                                const CConvergedParameters& aParameters, const CMatrix<int>& aLabelOf,
+                                std::vector<CEdge>& aEdges) {
   const int n = aLabelOf.xSize() * aLabelOf.ySize();
   const int channels = aValues.channels();
   std::vector<CRegions> layers;
@@ -190,6 +192,9 @@ void addRegionLinks(const CPixelValues& aValues, const std::vector<CTensor<float
                                            std::exp(-aParameters.mGate * gap[static_cast<size_t>(r)]))});
     firstNode = coarseFirst;
   }
+  std::vector<int> counts;
+  for (const CRegions& layer : layers) counts.push_back(layer.count());
+  return counts;
 }
 
 int nodeCount(int aPixels, const std::vector<CEdge>& aEdges) {
@@ -223,7 +228,8 @@ CLabelSystem buildLabelSystem(const CTensor<float>& aImage, const std::vector<CT
   std::vector<CEdge> edges;
   edges.reserve(static_cast<size_t>(n) * (aSegmentations.empty() ? 2 : 3));
   addPixelEdges(aImage.xSize(), aImage.ySize(), edgePlanes, aParameters.mBeta, edges);
-  if (!aSegmentations.empty()) addRegionLinks(values, aSegmentations, aParameters, aLabelOf, edges);
+  const std::vector<int> regionCounts =
+      aSegmentations.empty() ? std::vector<int>() : addRegionLinks(values, aSegmentations, aParameters, aLabelOf, edges);
   const int nodes = nodeCount(n, edges);
 
   CLabelSystem system;
@@ -235,6 +241,16 @@ CLabelSystem buildLabelSystem(const CTensor<float>& aImage, const std::vector<CT
   const auto labelOf = [&](int aNode) { return aLabelOf.data()[aNode]; };
 
   CSparseGraph& matrix = system.mMatrix;
+  // The unlabelled pixels come first, then each segmentation's regions:
+  // these are the smoother's phases (no region links to another of its own
+  // segmentation).
+  int regionUnknowns = 0;
+  for (const int count : regionCounts) regionUnknowns += count;
+  int phaseStart = unknowns - regionUnknowns;
+  for (const int count : regionCounts) {
+    matrix.mPhaseStart.push_back(phaseStart);
+    phaseStart += count;
+  }
   matrix.mGround.assign(static_cast<size_t>(unknowns), kRegularisation);
   system.mRhs.assign(static_cast<size_t>(unknowns) * aLabelCount, kRegularisation / aLabelCount);
   std::vector<int> links(static_cast<size_t>(unknowns) + 1, 0);
