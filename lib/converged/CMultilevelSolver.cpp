@@ -137,9 +137,7 @@ struct CNodeLanes {
   }
 };
 
-// aTo[c] += aFrom[c] (or = with kAssign) for the columns of one node. Done
-// column by column: the restriction adds to a node it has just stored, and
-// a load spanning the two overlapping stores of a lane register would stall.
+// aTo[c] += aFrom[c] (or = with kAssign) for the columns of one node.
 template <int kColumns, bool kAssign = false>
 void addNode(const float* aFrom, float* aTo, int aColumns) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
