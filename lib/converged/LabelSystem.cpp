@@ -40,10 +40,14 @@ std::vector<double> normalisedDistances(const CPixelValues& aValues, int aCount,
   std::vector<double> part(static_cast<size_t>(aCount));
   int first = 0;
   for (const int end : aValues.mGroupEnd) {
+#pragma omp parallel for schedule(static)
+    for (int i = 0; i < aCount; i++) part[static_cast<size_t>(i)] = aSquared(i, first, end);
+    // Summed in item order, so that the mean does not depend on the threads.
     double total = 0;
-    for (int i = 0; i < aCount; i++) total += part[static_cast<size_t>(i)] = aSquared(i, first, end);
+    for (const double value : part) total += value;
     // A group without any contrast adds nothing.
     if (total > 0)
+#pragma omp parallel for schedule(static)
       for (int i = 0; i < aCount; i++) result[static_cast<size_t>(i)] += part[static_cast<size_t>(i)] * aCount / total;
     first = end;
   }
@@ -118,7 +122,9 @@ std::vector<int> parentsOf(const CRegions& aFine, const CRegions& aCoarse) {
 }
 
 // Four-neighbour edges weighing exp(-beta * d / mean d), d the squared
-// distance of the two pixels' values of aPlanes.
+// distance of the two pixels' values of aPlanes. A pixel adds its edge to
+// the right, then the one below; each pixel's place in that order is known,
+// so the rows are filled side by side.
 void addPixelEdges(int aWidth, int aHeight, const std::vector<const double*>& aPlanes, float aBeta,
                    std::vector<CEdge>& aEdges) {
   auto difference = [&](int a, int b) {
@@ -127,24 +133,28 @@ void addPixelEdges(int aWidth, int aHeight, const std::vector<const double*>& aP
     return sum;
   };
   const size_t first = aEdges.size();
-  double total = 0;
-  for (int y = 0; y < aHeight; y++)
+  const size_t perRow = 2 * static_cast<size_t>(aWidth) - 1;
+  const size_t count = aWidth > 0 && aHeight > 0 ? (static_cast<size_t>(aHeight) - 1) * perRow + aWidth - 1 : 0;
+  aEdges.resize(first + count);
+  std::vector<double> distance(count);
+#pragma omp parallel for schedule(static)
+  for (int y = 0; y < aHeight; y++) {
+    size_t e = static_cast<size_t>(y) * perRow;
     for (int x = 0; x < aWidth; x++) {
       const int i = x + y * aWidth;
-      if (x + 1 < aWidth) {
-        const double d = difference(i, i + 1);
-        total += d;
-        aEdges.push_back({i, i + 1, static_cast<float>(d)});
-      }
-      if (y + 1 < aHeight) {
-        const double d = difference(i, i + aWidth);
-        total += d;
-        aEdges.push_back({i, i + aWidth, static_cast<float>(d)});
+      for (const int j : {i + 1, i + aWidth}) {
+        if (j == i + 1 ? x + 1 == aWidth : y + 1 == aHeight) continue;
+        distance[e] = difference(i, j);
+        aEdges[first + e] = {i, j, static_cast<float>(distance[e])};
+        e++;
       }
     }
-  const size_t count = aEdges.size() - first;
+  }
+  double total = 0;
+  for (const double d : distance) total += d;
   // A flat image has no contrast to scale by: all its edges weigh 1.
   const double mean = count > 0 && total > 0 ? total / count : 1.0;
+#pragma omp parallel for schedule(static)
   for (size_t e = first; e < aEdges.size(); e++)
     aEdges[e].mWeight = static_cast<float>(std::max(std::exp(-aBeta * aEdges[e].mWeight / mean), kWeightFloor));
 }
@@ -158,8 +168,9 @@ std::vector<int> addRegionLinks(const CPixelValues& aValues, const std::vector<C
                                 std::vector<CEdge>& aEdges) {
   const int n = aLabelOf.xSize() * aLabelOf.ySize();
   const int channels = aValues.channels();
-  std::vector<CRegions> layers;
-  for (const CTensor<float>& segmentation : aSegmentations) layers.push_back(findRegions(segmentation, aValues));
+  std::vector<CRegions> layers(aSegmentations.size());
+#pragma omp parallel for schedule(dynamic, 1)
+  for (size_t k = 0; k < aSegmentations.size(); k++) layers[k] = findRegions(aSegmentations[k], aValues);
   const double link = aParameters.mPixelLink * std::sqrt(kReferencePixels / n);
   const CRegions& finest = layers[0];
   const std::vector<double> distance = normalisedDistances(aValues, n, [&](int i, int aFirst, int aEnd) {
@@ -168,11 +179,15 @@ std::vector<int> addRegionLinks(const CPixelValues& aValues, const std::vector<C
     for (int c = aFirst; c < aEnd; c++) sum += (aValues.mPlanes[c][i] - mean[c]) * (aValues.mPlanes[c][i] - mean[c]);
     return sum;
   });
+  const size_t first = aEdges.size();
+  aEdges.resize(first + static_cast<size_t>(n));
+#pragma omp parallel for schedule(static)
   for (int i = 0; i < n; i++)
-    aEdges.push_back({i, n + finest.mOfPixel[static_cast<size_t>(i)],
-                      static_cast<float>((aLabelOf.data()[i] >= 0 ? aParameters.mSeedLink : 1.0) * link *
-                                         std::max(std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)]),
-                                                  static_cast<double>(aParameters.mGateFloor)))});
+    aEdges[first + static_cast<size_t>(i)] = {
+        i, n + finest.mOfPixel[static_cast<size_t>(i)],
+        static_cast<float>((aLabelOf.data()[i] >= 0 ? aParameters.mSeedLink : 1.0) * link *
+                           std::max(std::exp(-aParameters.mGate * distance[static_cast<size_t>(i)]),
+                                    static_cast<double>(aParameters.mGateFloor)))};
   int firstNode = n;
   for (size_t k = 0; k + 1 < layers.size(); k++) {
     const CRegions& fine = layers[k];

@@ -68,8 +68,10 @@ void orientationProducts(const CTensor<float>& aImage, double* aPlanes) {
   const int height = aImage.ySize();
   const size_t n = static_cast<size_t>(width) * height;
   std::vector<double> grey(n);
+#pragma omp parallel for schedule(static)
   for (size_t i = 0; i < n; i++)
     grey[i] = (static_cast<double>(aImage.data()[i]) + aImage.data()[i + n] + aImage.data()[i + 2 * n]) / 3.0;
+#pragma omp parallel for schedule(static)
   for (int y = 0; y < height; y++)
     for (int x = 0; x < width; x++) {
       const size_t i = x + static_cast<size_t>(y) * width;
@@ -104,8 +106,9 @@ CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius, floa
   // Every plane holds the values whose window mean it needs: the channels,
   // their squares and the orientation products; the planes are smoothed
   // independently, so sharing them among threads leaves the bits alone.
-  for (int c = 0; c < 3; c++)
-    for (size_t i = 0; i < n; i++) {
+#pragma omp parallel for schedule(static)
+  for (size_t i = 0; i < n; i++)
+    for (int c = 0; c < 3; c++) {
       const double value = aImage.data()[c * n + i];
       planes[c * n + i] = value;
       planes[(c + 3) * n + i] = value * value;
@@ -117,12 +120,12 @@ CTextureFeatures textureFeatures(const CTensor<float>& aImage, int aRadius, floa
 #pragma omp for schedule(dynamic, 1)
     for (int p = 0; p < CTextureFeatures::kPlanes; p++) smooth(planes + p * n, width, height, aRadius, prefix);
   }
-  for (int c = 0; c < 3; c++)
-    for (size_t i = 0; i < n; i++) {
+#pragma omp parallel for schedule(static)
+  for (size_t i = 0; i < n; i++) {
+    for (int c = 0; c < 3; c++) {
       const double mean = planes[c * n + i];
       planes[(c + 3) * n + i] = std::sqrt(std::max(0.0, planes[(c + 3) * n + i] - mean * mean));
     }
-  for (size_t i = 0; i < n; i++) {
     planes[6 * n + i] = aOrientationWeight * std::sqrt(std::max(0.0, planes[6 * n + i]));
     planes[7 * n + i] = aOrientationWeight * std::sqrt(std::max(0.0, planes[7 * n + i]));
     planes[8 * n + i] = aOrientationWeight * signedRoot(planes[8 * n + i]);
