@@ -734,7 +734,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   std::vector<float> x(valuesSize(n, aColumns), 0.0f);
   std::vector<float> p;
   std::vector<float> q(x.size());
-  const size_t blockCount = blocks.size() - 1;
+  const size_t nodeBlocks = blocks.size() - 1;
   std::vector<double> rz;
   std::vector<double> rzNew;
   std::vector<float> largest;
@@ -742,8 +742,8 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   // every node in the units of the solution. One pass gives per column the
   // largest weighted estimate and the dot r . z.
   const auto measure = [&] {
-    std::vector<float> blockLargest(blockCount * columns);
-    std::vector<double> blockDot(blockCount * columns);
+    std::vector<float> blockLargest(nodeBlocks * columns);
+    std::vector<double> blockDot(nodeBlocks * columns);
     forBlocks(blocks, [&](int aBlock, int aBegin, int aEnd) {
       const size_t at = static_cast<size_t>(aBlock) * columns;
       TARNWICK_DISPATCH_COLUMNS(measureRows, columns, z.data(), r.data(), mErrorWeight.data(), &blockLargest[at],
