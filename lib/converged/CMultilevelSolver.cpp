@@ -24,7 +24,9 @@ constexpr int kMaxBlocks = 16;
 // Groups the nodes along their strongest links: a node joins the group of
 // its strongest neighbour, or starts a new group with it. Pixels tied to a
 // region more strongly than to each other thus gather with it in one group.
-// Returns the number of groups.
+// Of equally strong neighbours a node prefers one without a group: in a flat
+// area, where all links weigh the same, the first neighbour would otherwise
+// chain the whole area into one group. Returns the number of groups.
 int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
   const int n = aMatrix.nodeCount();
   aGroup.assign(static_cast<size_t>(n), -2);
@@ -37,7 +39,9 @@ int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
     float best = 0.0f;
     for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
       const int j = aMatrix.mNeighbour[e];
-      if (j != i && aGroup[j] != -1 && aMatrix.mWeight[e] > best) {
+      if (j == i || aGroup[j] == -1) continue;
+      const bool tieToFree = aMatrix.mWeight[e] == best && aGroup[j] == -2 && partner >= 0 && aGroup[partner] >= 0;
+      if (aMatrix.mWeight[e] > best || tieToFree) {
         best = aMatrix.mWeight[e];
         partner = j;
       }
@@ -79,8 +83,12 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
       ground += aMatrix.mGround[i];
       for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
         const int h = aGroup[aMatrix.mNeighbour[e]];
-        // Links inside the group cancel; links to nodes left to the smoother
-        // are dropped with them.
+        // Links inside the group cancel. A node left to the smoother is zero
+        // in the coarse space, so a link to it holds the group like ground;
+        // dropped, it would leave a group tied only through it (a region
+        // whose pixels are mostly labelled) all but free in the coarse
+        // system, and its coarse correction far too large.
+        if (h < 0) ground += aMatrix.mWeight[e];
         if (h < 0 || h == g) continue;
         if (slot[h] < 0) {
           slot[h] = coarse.linkCount();
@@ -144,6 +152,93 @@ void addNode(const float* aFrom, float* aTo, int aColumns) {
   for (int c = 0; c < columns; c++) aTo[c] = kAssign ? aFrom[c] : aTo[c] + aFrom[c];
 }
 
+// Rows with more links than this (region nodes, up to a whole flat area's
+// pixels) are summed in float over this many links at a time and the parts
+// added in double: one float sum over thousands of links loses the digits
+// that the stopping test asks for, and the solve would stall.
+constexpr int kLongRow = 64;
+
+bool isLongRow(const CSparseGraph& aMatrix, int aRow) {
+  return aMatrix.mStart[aRow + 1] - aMatrix.mStart[aRow] > kLongRow;
+}
+
+// Per column, a long row's sum: aSum[c] += the sum over the links aFirst ..
+// aLast - 1 of w * (aOwn[c] - value[c]) with kOwn, else of w * value[c], in
+// parts of kLongRow links.
+template <int kColumns, bool kOwn = false>
+void addLongRowLinks(const CSparseGraph& aMatrix, const float* aValues, const float* aOwn, int aFirst, int aLast,
+                     double* aSum, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  if constexpr (kColumns >= 4) {
+    using CLanes = CNodeLanes<kColumns>;
+    CLanes own;
+    if (kOwn) own.load(aOwn);
+    for (int first = aFirst; first < aLast; first += kLongRow) {
+      CLanes part;
+      part.fill(0.0f);
+      for (int e = first; e < std::min(aLast, first + kLongRow); e++) {
+        const CLane4 w = broadcast4(aMatrix.mWeight[e]);
+        CLanes xj;
+        xj.load(aValues + static_cast<size_t>(aMatrix.mNeighbour[e]) * kColumns);
+        for (int g = 0; g < CLanes::kGroups; g++)
+          part.mLanes[g] += kOwn ? w * (own.mLanes[g] - xj.mLanes[g]) : w * xj.mLanes[g];
+      }
+      float sums[kColumns];
+      part.store(sums);
+      for (int c = 0; c < kColumns; c++) aSum[c] += sums[c];
+    }
+    return;
+  }
+  std::vector<float> part(static_cast<size_t>(columns));
+  for (int first = aFirst; first < aLast; first += kLongRow) {
+    std::fill(part.begin(), part.end(), 0.0f);
+    for (int e = first; e < std::min(aLast, first + kLongRow); e++) {
+      const float w = aMatrix.mWeight[e];
+      const float* xj = aValues + static_cast<size_t>(aMatrix.mNeighbour[e]) * columns;
+      for (int c = 0; c < columns; c++) part[c] += kOwn ? w * (aOwn[c] - xj[c]) : w * xj[c];
+    }
+    for (int c = 0; c < columns; c++) aSum[c] += part[c];
+  }
+}
+
+// The kernels' work on a long row, kept out of their loops. Each column
+// goes through the same operations whatever the column count.
+template <int kColumns>
+[[gnu::noinline]] void relaxLongRow(const CSparseGraph& aMatrix, int aRow, int aLowerEnd, int aHaloEnd,
+                                    float aInverseDiagonal, const float* aRhs, float* aX, const float* aHalo,
+                                    int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  std::vector<double> sum(aRhs + static_cast<size_t>(aRow) * columns, aRhs + static_cast<size_t>(aRow + 1) * columns);
+  addLongRowLinks<kColumns>(aMatrix, aX, nullptr, aMatrix.mStart[aRow], aLowerEnd, sum.data(), columns);
+  if (aHalo != nullptr) {
+    addLongRowLinks<kColumns>(aMatrix, aHalo, nullptr, aLowerEnd, aHaloEnd, sum.data(), columns);
+    addLongRowLinks<kColumns>(aMatrix, aX, nullptr, aHaloEnd, aMatrix.mStart[aRow + 1], sum.data(), columns);
+  }
+  for (int c = 0; c < columns; c++)
+    aX[static_cast<size_t>(aRow) * columns + c] = static_cast<float>(sum[c] * aInverseDiagonal);
+}
+
+template <int kColumns>
+[[gnu::noinline]] void multiplyLongRow(const CSparseGraph& aMatrix, int aRow, const float* aX, float* aOut,
+                                       int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  const float* xi = aX + static_cast<size_t>(aRow) * columns;
+  std::vector<double> sum(static_cast<size_t>(columns));
+  for (int c = 0; c < columns; c++) sum[c] = static_cast<double>(aMatrix.mGround[aRow]) * xi[c];
+  addLongRowLinks<kColumns, true>(aMatrix, aX, xi, aMatrix.mStart[aRow], aMatrix.mStart[aRow + 1], sum.data(),
+                                  columns);
+  for (int c = 0; c < columns; c++) aOut[static_cast<size_t>(aRow) * columns + c] = static_cast<float>(sum[c]);
+}
+
+template <int kColumns>
+[[gnu::noinline]] void sumLongRowUpper(const CSparseGraph& aMatrix, int aRow, int aLowerEnd, const float* aX,
+                                       float* aOut, int aColumns) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  std::vector<double> sum(static_cast<size_t>(columns), 0.0);
+  addLongRowLinks<kColumns>(aMatrix, aX, nullptr, aLowerEnd, aMatrix.mStart[aRow + 1], sum.data(), columns);
+  for (int c = 0; c < columns; c++) aOut[static_cast<size_t>(aRow) * columns + c] = static_cast<float>(sum[c]);
+}
+
 // The kernels below work on one block of nodes, begin .. end - 1. They take
 // the column count as a template argument where it is small (0: given at run
 // time) so that the per-column loops unroll; every column goes through the
@@ -169,6 +264,12 @@ void relaxRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const int* aHa
                const std::vector<float>& aInverseDiagonal, const float* aRhs, float* aX, const float* aHalo,
                int aColumns, int aBegin, int aEnd, bool aForward) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
+  // Returns whether row i is long and so relaxed.
+  const auto relaxLong = [&](int i) {
+    if (!isLongRow(aMatrix, i)) return false;
+    relaxLongRow<kColumns>(aMatrix, i, aLowerEnd[i], aHaloEnd[i], aInverseDiagonal[i], aRhs, aX, aHalo, columns);
+    return true;
+  };
   if constexpr (kColumns >= 4) {
     using CLanes = CNodeLanes<kColumns>;
     const auto add = [&](CLanes& aSum, const float* aValues, int aFirst, int aLast) {
@@ -181,6 +282,7 @@ void relaxRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const int* aHa
     };
     for (int step = aBegin; step < aEnd; step++) {
       const int i = aForward ? step : aBegin + aEnd - 1 - step;
+      if (relaxLong(i)) continue;
       CLanes sum;
       sum.load(aRhs + static_cast<size_t>(i) * kColumns);
       add(sum, aX, aMatrix.mStart[i], aLowerEnd[i]);
@@ -206,6 +308,7 @@ void relaxRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const int* aHa
   };
   for (int step = aBegin; step < aEnd; step++) {
     const int i = aForward ? step : aBegin + aEnd - 1 - step;
+    if (relaxLong(i)) continue;
     const float* rhs = aRhs + static_cast<size_t>(i) * columns;
     for (int c = 0; c < columns; c++) sum[c] = rhs[c];
     add(aX, aMatrix.mStart[i], aLowerEnd[i]);
@@ -231,9 +334,17 @@ void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, dou
     const size_t k = static_cast<size_t>(i) * columns;
     for (int c = 0; c < columns; c++) dot[c] += static_cast<double>(aX[k + c]) * aOut[k + c];
   };
+  // Returns whether row i is long and so multiplied.
+  const auto multiplyLong = [&](int i) {
+    if (!isLongRow(aMatrix, i)) return false;
+    multiplyLongRow<kColumns>(aMatrix, i, aX, aOut, columns);
+    addDot(i);
+    return true;
+  };
   if constexpr (kColumns >= 4) {
     using CLanes = CNodeLanes<kColumns>;
     for (int i = aBegin; i < aEnd; i++) {
+      if (multiplyLong(i)) continue;
       CLanes xi;
       xi.load(aX + static_cast<size_t>(i) * kColumns);
       CLanes sum;
@@ -250,6 +361,7 @@ void multiplyRows(const CSparseGraph& aMatrix, const float* aX, float* aOut, dou
     }
   } else {
     for (int i = aBegin; i < aEnd; i++) {
+      if (multiplyLong(i)) continue;
       float* out = aOut + static_cast<size_t>(i) * columns;
       const float* xi = aX + static_cast<size_t>(i) * columns;
       for (int c = 0; c < columns; c++) out[c] = aMatrix.mGround[i] * xi[c];
@@ -270,9 +382,16 @@ template <int kColumns>
 void sweptResidualRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const float* aX, float* aOut, int aColumns,
                        int aBegin, int aEnd) {
   const int columns = kColumns > 0 ? kColumns : aColumns;
+  // Returns whether row i is long and so summed.
+  const auto sumLong = [&](int i) {
+    if (!isLongRow(aMatrix, i)) return false;
+    sumLongRowUpper<kColumns>(aMatrix, i, aLowerEnd[i], aX, aOut, columns);
+    return true;
+  };
   if constexpr (kColumns >= 4) {
     using CLanes = CNodeLanes<kColumns>;
     for (int i = aBegin; i < aEnd; i++) {
+      if (sumLong(i)) continue;
       CLanes sum;
       sum.fill(0.0f);
       for (int e = aLowerEnd[i]; e < aMatrix.mStart[i + 1]; e++) {
@@ -286,6 +405,7 @@ void sweptResidualRows(const CSparseGraph& aMatrix, const int* aLowerEnd, const 
     return;
   }
   for (int i = aBegin; i < aEnd; i++) {
+    if (sumLong(i)) continue;
     float* out = aOut + static_cast<size_t>(i) * columns;
     for (int c = 0; c < columns; c++) out[c] = 0.0f;
     for (int e = aLowerEnd[i]; e < aMatrix.mStart[i + 1]; e++) {
@@ -582,9 +702,14 @@ void CMultilevelSolver::factorCoarsest() {
   if (n > kDirectLimit) return;
   mCholesky.assign(static_cast<size_t>(n) * n, 0.0);
   for (int i = 0; i < n; i++) {
-    mCholesky[static_cast<size_t>(i) * n + i] = static_cast<double>(matrix.linkSum(i)) + matrix.mGround[i];
-    for (int e = matrix.mStart[i]; e < matrix.mStart[i + 1]; e++)
+    // The diagonal from the same weights in double, so that every row sums
+    // to its ground exactly.
+    double diagonal = matrix.mGround[i];
+    for (int e = matrix.mStart[i]; e < matrix.mStart[i + 1]; e++) {
+      diagonal += matrix.mWeight[e];
       mCholesky[static_cast<size_t>(i) * n + matrix.mNeighbour[e]] -= matrix.mWeight[e];
+    }
+    mCholesky[static_cast<size_t>(i) * n + i] += diagonal;
   }
   for (int j = 0; j < n; j++) {
     double* rowJ = &mCholesky[static_cast<size_t>(j) * n];

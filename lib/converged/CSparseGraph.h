@@ -19,11 +19,11 @@ struct CSparseGraph {
   std::vector<int> mPhaseStart{0};
 
   int nodeCount() const { return static_cast<int>(mGround.size()); }
-  // Sum of the row's link weights.
+  // Sum of the row's link weights (in double: a region's row has thousands).
   float linkSum(int aNode) const {
-    float sum = 0.0f;
+    double sum = 0.0;
     for (int e = mStart[aNode]; e < mStart[aNode + 1]; e++) sum += mWeight[e];
-    return sum;
+    return static_cast<float>(sum);
   }
   int linkCount() const { return static_cast<int>(mNeighbour.size()); }
 };
