@@ -1,6 +1,7 @@
 // The converged labelling: the texture features, closed-form solutions on
-// small graphs, agreement with a direct solve, fixed labelled pixels,
-// thread-count invariance and the --converged run of the tool.
+// small graphs, graphs that can stall a multilevel solver, agreement with a
+// direct solve, fixed labelled pixels, thread-count invariance and the
+// --converged run of the tool.
 #include <gtest/gtest.h>
 
 #include <omp.h>
@@ -250,6 +251,96 @@ TEST(Converged, RegionNodeOfASymmetricImageSitsHalfWay) {
   const CTensor<float> degrees = solveConverged(image, {segmentation}, labelMap(3, 1, {0, -1, 1}), 2, tight());
   EXPECT_NEAR(degrees(1, 0, 0), 0.5, 1e-5);
   EXPECT_NEAR(degrees(1, 0, 1), 0.5, 1e-5);
+}
+
+// A system of the solver's form built node by node, one column.
+struct CGraphBuilder {
+  std::vector<std::vector<std::pair<int, float>>> mLinks;
+  std::vector<float> mGround;
+  std::vector<float> mRhs;
+
+  int add(float aGround, float aRhs) {
+    mLinks.emplace_back();
+    mGround.push_back(aGround);
+    mRhs.push_back(aRhs);
+    return static_cast<int>(mGround.size()) - 1;
+  }
+  void link(int aA, int aB, float aWeight) {
+    mLinks[static_cast<size_t>(aA)].push_back({aB, aWeight});
+    mLinks[static_cast<size_t>(aB)].push_back({aA, aWeight});
+  }
+  NConverged::CSparseGraph graph() const {
+    NConverged::CSparseGraph graph;
+    graph.mGround = mGround;
+    for (const auto& row : mLinks) {
+      for (const auto& [to, weight] : row) {
+        graph.mNeighbour.push_back(to);
+        graph.mWeight.push_back(weight);
+      }
+      graph.mStart.push_back(graph.linkCount());
+    }
+    return graph;
+  }
+};
+
+// A flat image's pixel grid of aWidth x aHeight, links of weight 1: pixel 0
+// held to 1 and the last pixel to 0 by ground of weight 1, every other node
+// by the regularising ground of 1e-6 (its right-hand side half of that, the
+// even mix of two labels).
+CGraphBuilder flatGrid(int aWidth, int aHeight) {
+  CGraphBuilder builder;
+  const int n = aWidth * aHeight;
+  for (int i = 0; i < n; i++) builder.add(i == 0 || i == n - 1 ? 1.0f : 1e-6f, i == 0 ? 1.0f : i == n - 1 ? 0.0f : 0.5e-6f);
+  for (int y = 0; y < aHeight; y++)
+    for (int x = 0; x < aWidth; x++) {
+      if (x + 1 < aWidth) builder.link(x + y * aWidth, x + 1 + y * aWidth, 1.0f);
+      if (y + 1 < aHeight) builder.link(x + y * aWidth, x + (y + 1) * aWidth, 1.0f);
+    }
+  return builder;
+}
+
+// Solves aBuilder's graph with the default tolerance and checks that it
+// took at most aMostIterations and that every node agrees with a solve to
+// 1e-6 to within a few times the tolerance.
+void expectQuickAndRight(const CGraphBuilder& aBuilder, int aMostIterations) {
+  const CConvergedParameters parameters;
+  const NConverged::CMultilevelSolver solver(aBuilder.graph(), parameters.mBlockSize);
+  std::vector<float> x(aBuilder.mRhs.size());
+  const NConverged::CSolveResult result =
+      solver.solve(aBuilder.mRhs.data(), x.data(), 1, parameters.mTolerance, parameters.mMaxIterations);
+  EXPECT_LE(result.mIterations, aMostIterations);
+  std::vector<float> exact(x.size());
+  solver.solve(aBuilder.mRhs.data(), exact.data(), 1, 1e-6f, parameters.mMaxIterations);
+  for (size_t i = 0; i < x.size(); i++) ASSERT_NEAR(x[i], exact[i], 3 * parameters.mTolerance) << "node " << i;
+}
+
+// Where all links weigh the same, grouping each node with its strongest
+// neighbour must not chain the whole grid into one group.
+TEST(Converged, FlatGridConvergesQuickly) { expectQuickAndRight(flatGrid(120, 90), 12); }
+
+// A region node whose pixels are mostly labelled is held by its ground and
+// left to the smoother; a chain of parent regions hangs on it alone. The
+// coarse system must keep that tie, or the chain floats there.
+TEST(Converged, RegionsHangingOnALabelledRegionConvergeQuickly) {
+  CGraphBuilder builder = flatGrid(60, 45);
+  const int region = builder.add(1000.0f, 1000.0f);
+  for (int i = 0; i < 20; i++) builder.link(region, 100 + i, 1.0f);
+  int parent = region;
+  for (int level = 0; level < 3; level++) {
+    const int next = builder.add(1e-6f, 0.5e-6f);
+    builder.link(parent, next, 2.0f);
+    parent = next;
+  }
+  expectQuickAndRight(builder, 12);
+}
+
+// A region of a whole flat area (a letterbox bar) links to every one of its
+// pixels: its row's sums must keep their digits over all these links.
+TEST(Converged, RegionOverAWholeFlatAreaConvergesQuickly) {
+  CGraphBuilder builder = flatGrid(400, 300);
+  const int region = builder.add(1e-6f, 0.5e-6f);
+  for (int i = 0; i < 400 * 300; i++) builder.link(region, i, 0.02f);
+  expectQuickAndRight(builder, 12);
 }
 
 // A textured 40 x 30 scene with two segmentations and scribbles of aLabels
