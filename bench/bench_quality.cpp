@@ -13,14 +13,10 @@
 //   --keep DIR  write the scenes into DIR and keep them (for the peer script
 //               bench/peer_random_walker.py); default a temporary folder
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -34,8 +30,12 @@
 #include "SegmentationFileName.h"
 #include "Segmenter.h"
 #include "SyntheticScene.h"
+#include "ToolRun.h"
 
 namespace {
+
+using NBench::CRun;
+using NBench::runTool;
 
 constexpr int kLevels = 3;
 constexpr int kScenesPerSize = 3;
@@ -43,42 +43,6 @@ constexpr int kScenesPerSize = 3;
 constexpr int kRegions = 5;
 constexpr int kObjects = 1;
 constexpr int kPointsPerLabel = 5;
-
-struct CRun {
-  bool ok = false;
-  double wallSeconds = 0;
-  double peakMB = 0;
-};
-
-// Runs aArguments (program first) with its output discarded; measures the
-// wall time and the peak memory of that process alone.
-CRun runTool(const std::vector<std::string>& aArguments) {
-  std::vector<char*> argv;
-  for (const std::string& argument : aArguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  std::cout.flush();
-  const auto start = std::chrono::steady_clock::now();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int devNull = open("/dev/null", O_WRONLY);
-    if (devNull >= 0) {
-      dup2(devNull, STDOUT_FILENO);
-      dup2(devNull, STDERR_FILENO);
-    }
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  CRun run;
-  if (pid < 0) return run;
-  int status = 0;
-  rusage usage{};
-  while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
-  }
-  run.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  run.peakMB = static_cast<double>(usage.ru_maxrss) / 1024.0;
-  run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  return run;
-}
 
 struct CScore {
   bool ok = false;
