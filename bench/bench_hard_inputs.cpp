@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "Converged.h"
 #include "SegmentationFileName.h"
 #include "Segmenter.h"
 #include "SyntheticScene.h"
@@ -32,8 +33,6 @@
 namespace {
 
 constexpr int kLevels = 3;
-constexpr int kIterationLimit = 300;  // the converged mode's
-constexpr double kTolerance = 1e-3;   // its stopping tolerance
 
 enum class EKind { Flat, Gradient, Letterbox, Noise };
 
@@ -136,8 +135,9 @@ int main(int argc, char** argv) {
                                                   std::to_string(segmentations) + "_", "--converged"},
                                                  transcript);
         const CSolve solve = parseTranscript(transcript);
-        const bool good = run.ok && solve.iterations >= 0 && solve.iterations < kIterationLimit &&
-                          solve.error <= kTolerance;
+        const NConverged::CConvergedParameters limits;
+        const bool good = run.ok && solve.iterations >= 0 && solve.iterations < limits.mMaxIterations &&
+                          solve.error <= limits.mTolerance;
         ok = ok && good;
         std::cout << std::left << std::setw(10) << name << std::setw(11) << nameOf(kind) << std::right
                   << std::setw(3) << segmentations << std::setw(12) << solve.iterations << std::setw(11)
