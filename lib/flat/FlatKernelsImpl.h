@@ -357,11 +357,21 @@ TARNWICK_KERNEL void sweepRows(const CPixelSweep& aSweep) {
           updatePixels<L, true, true, true, true, kParent, kCheck, kPair>(s, i + chain * next, kChains * next);
         continue;
       }
+      // The steps that are not full (the band's first and last, and every
+      // step of a band at the top or bottom) go pixel by pixel; only the
+      // pixels on the image's border take the general path.
       for (int r = 0; r < rows; r++) {
         const int x = t - r;
+        const int y = y0 + r;
         if (x < 0 || x >= width) continue;
-        updateBorderPixel<kParent, kCheck>(s, x, y0 + r);
-        if (kPair) updateBorderPixel<kParent, kCheck>(second, x, y0 + r);
+        if (x > 0 && x < width - 1 && y > 0 && y < height - 1) {
+          const ptrdiff_t i = static_cast<ptrdiff_t>(y) * width + x;
+          updatePixels<CLanes4, true, true, true, true, kParent, kCheck>(s, i, 0);
+          if (kPair) updatePixels<CLanes4, true, true, true, true, kParent, kCheck>(second, i, 0);
+          continue;
+        }
+        updateBorderPixel<kParent, kCheck>(s, x, y);
+        if (kPair) updateBorderPixel<kParent, kCheck>(second, x, y);
       }
     }
     if (s.team > 1) s.bandProgress[band].steps.store(passStart + width + rows - 1, std::memory_order_release);
