@@ -8,8 +8,10 @@
 //   so one walk of a node's edges updates all labels of a chunk at once with
 //   SIMD lanes; within one inner iteration the label passes are independent,
 //   so the chunks are shared out among the threads, and a chunk left over
-//   (one of one, or the third of three on two threads) has its pixel pass
-//   shared by all of them in bands of rows that trail each other;
+//   (one of one) has its pixel pass shared by all of them in bands of rows
+//   that trail each other; two threads share every pass that way when the
+//   pixels outgrow the cache or the chunks are odd in number, so that the
+//   pixels' projection can join the next pass;
 // - edge weights, weight sums and the over-relaxation factor per node are
 //   formed once per outer iteration with the same float operations;
 // - the vector kernels (flat/FlatKernels.h) are written once over a lane
@@ -48,6 +50,11 @@ public:
   static constexpr size_t kBytesPerLink = 48;
   // How many links ahead the sweep of layer 1 asks for its children's degrees.
   static constexpr int kPrefetchLinks = 256;
+  // Bytes a pixel takes per chunk of degrees, and as much again for its
+  // weights; beyond kCacheBytes in all (the last-level cache of the machine
+  // it was measured on), two threads share every pixel pass (see solve).
+  static constexpr size_t kPixelBytesPerChunk = 16;
+  static constexpr size_t kCacheBytes = size_t(32) << 20;
 
   // aImg: starting degrees of the pixels, one layer per label; aSegs[0] the
   // image that weights the pixel edges, aSegs[k] the segmentation of layer k.
@@ -92,6 +99,10 @@ public:
   static void limitVectorBits(int aBits);
   // The width the solver uses: the widest the processor has within the limit.
   static int vectorBits();
+  // The pixel bytes beyond which two threads share every pixel pass
+  // (kCacheBytes by default; 0 makes them always share it); both schedules
+  // give the same bits.
+  static void sharePixelPassesAbove(size_t aBytes);
 
 private:
   struct CLayer {

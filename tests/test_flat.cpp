@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
@@ -137,7 +138,8 @@ void expectSameDegrees(CHierarchy& aReference, const CFlatHierarchy& aFlat, int 
 }
 
 // The reference solve once, then the flat solve with one to three threads at
-// every register width the processor has, each compared with it.
+// every register width the processor has, each compared with it; two threads
+// also with every pixel pass shared between them.
 void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSeveralLabels = false, bool aLarge = false) {
   const std::string what = "seed " + std::to_string(aSeed) + ", " + std::to_string(aCoarserLayers) +
                            " layers, " + (aNested ? "nested" : "not nested") +
@@ -151,10 +153,12 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSevera
   solveSegmentation_SOR(reference, c.conf, c.sparse, weightReference, alpha, omega, 3);
   const int threadsBefore = omp_get_max_threads();
   for (int bits : kVectorBits)
-    for (int threads : {1, 2, 3}) {
+    for (int threads : {1, 2, 3, -2}) {
       CFlatHierarchy::limitVectorBits(bits);
-      omp_set_num_threads(threads);
-      const std::string run = what + ", " + std::to_string(threads) + " threads, " +
+      CFlatHierarchy::sharePixelPassesAbove(threads < 0 ? 0 : CFlatHierarchy::kCacheBytes);
+      omp_set_num_threads(std::abs(threads));
+      const std::string run = what + ", " + std::to_string(std::abs(threads)) + " threads" +
+                              (threads < 0 ? " sharing every pixel pass, " : ", ") +
                               std::to_string(CFlatHierarchy::vectorBits()) + " bits";
       CFlatHierarchy flat(c.start, c.segs);
       CMatrix<float> weightFlat(c.weight);
@@ -173,6 +177,7 @@ void compareSolve(unsigned aSeed, int aCoarserLayers, bool aNested, bool aSevera
             << run;
     }
   CFlatHierarchy::limitVectorBits(CFlatHierarchy::kDefaultVectorBits);
+  CFlatHierarchy::sharePixelPassesAbove(CFlatHierarchy::kCacheBytes);
   omp_set_num_threads(threadsBefore);
 }
 

@@ -17,6 +17,7 @@
 namespace {
 
 std::atomic<int> gVectorLimit{CFlatHierarchy::kDefaultVectorBits};
+std::atomic<size_t> gShareAbove{CFlatHierarchy::kCacheBytes};
 
 const NFlat::CKernels& kernelsOf(int aBits) {
   if (aBits >= 512) return NFlat::kernels512();
@@ -43,6 +44,8 @@ private:
 }  // namespace
 
 void CFlatHierarchy::limitVectorBits(int aBits) { gVectorLimit.store(aBits, std::memory_order_relaxed); }
+
+void CFlatHierarchy::sharePixelPassesAbove(size_t aBytes) { gShareAbove.store(aBytes, std::memory_order_relaxed); }
 
 int CFlatHierarchy::vectorBits() {
   static const int available = __builtin_cpu_supports("avx512f") ? 512 : __builtin_cpu_supports("avx") ? 256 : 128;
@@ -107,6 +110,15 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     const int threads = omp_get_num_threads();
     // The first thread times the phases; the clock costs nothing against them.
     CPhaseClock clock(thread == 0);
+    // Two threads share every pixel pass when the pixels' degrees and
+    // weights outgrow the cache, so that the pixels' projection can join the
+    // next pass instead of reading all chunks from memory in a pass of its
+    // own; and for an odd number of chunks, whose last one would otherwise
+    // leave one thread idle through its coarser layers. Otherwise each keeps
+    // to its own chunks and neither waits for the other band by band.
+    const bool allShared = threads == 2 && mChunks >= 2 &&
+                           (mChunks % 2 == 1 || static_cast<size_t>(n) * kPixelBytesPerChunk * (mChunks + 1) >
+                                                    gShareAbove.load(std::memory_order_relaxed));
     // Chunks a thread sweeps alone; the rest each in passes the team shares,
     // then on through the coarser layers by one of them.
     const int alone = mChunks - mChunks % threads;
@@ -114,7 +126,7 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     // When the pixel passes of all chunks follow each other in one stream of
     // bands, the pixels' projection can wait for the next pass, which finds
     // their degrees in the cache; not before the weights are renewed.
-    const bool oneStream = threads == 1 || mChunks == 1;
+    const bool oneStream = threads == 1 || mChunks == 1 || allShared;
     bool pixelsLater = false;
     for (int iter = 0; iter < maxiter; iter++) {
       computeVariableWeights(thread, threads);
@@ -125,22 +137,37 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
       for (int inner = 0; inner < NSolverRules::kInnerIterations; inner++) {
         const bool projectFirst = pixelsLater;
         pixelsLater = oneStream && inner + 1 < NSolverRules::kInnerIterations;
-        // A thread's own chunks two at a time: their pixels in one pass, then
-        // their coarser layers, whose update chains overlap.
         clock.lap(mPhaseTimes.layerSweeps);
-        const auto partner = [&](int c) { return c + threads < alone ? c + threads : -1; };
-        for (int c = thread; c < alone; c += 2 * threads)
-          sweepPixels(c, partner(c), aAlpha, aOmega, projectFirst && c == 0);
-        clock.lap(mPhaseTimes.pixelSweeps);
-        for (int c = thread; c < alone; c += 2 * threads)
-          for (int l = 1; l < layers; l++) sweepLayer(l, c, partner(c), aOmega);
-        for (int c = alone; c < mChunks; c++) {
-          clock.lap(mPhaseTimes.layerSweeps);
-          sweepPixels(c, -1, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
+        if (allShared) {
+          // Two chunks to a shared pass (two pass numbers, see CPixelSweep),
+          // then each thread the coarser layers of every other chunk, two at
+          // a time.
+          for (int c = 0; c < mChunks; c += 2) {
+            sharedPasses += 2;
+            sweepPixels(c, c + 1 < mChunks ? c + 1 : -1, aAlpha, aOmega, projectFirst && c == 0, thread, threads,
+                        sharedPasses - 1);
+          }
           barrier->wait();
           clock.lap(mPhaseTimes.pixelSweeps);
-          if (thread == c % threads)
-            for (int l = 1; l < layers; l++) sweepLayer(l, c, -1, aOmega);
+          for (int c = thread; c < mChunks; c += 2 * threads)
+            for (int l = 1; l < layers; l++) sweepLayer(l, c, c + threads < mChunks ? c + threads : -1, aOmega);
+        } else {
+          // A thread's own chunks two at a time: their pixels in one pass,
+          // then their coarser layers, whose update chains overlap.
+          const auto partner = [&](int c) { return c + threads < alone ? c + threads : -1; };
+          for (int c = thread; c < alone; c += 2 * threads)
+            sweepPixels(c, partner(c), aAlpha, aOmega, projectFirst && c == 0);
+          clock.lap(mPhaseTimes.pixelSweeps);
+          for (int c = thread; c < alone; c += 2 * threads)
+            for (int l = 1; l < layers; l++) sweepLayer(l, c, partner(c), aOmega);
+          for (int c = alone; c < mChunks; c++) {
+            clock.lap(mPhaseTimes.layerSweeps);
+            sweepPixels(c, -1, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
+            barrier->wait();
+            clock.lap(mPhaseTimes.pixelSweeps);
+            if (thread == c % threads)
+              for (int l = 1; l < layers; l++) sweepLayer(l, c, -1, aOmega);
+          }
         }
         barrier->wait();
         clock.lap(mPhaseTimes.layerSweeps);

@@ -52,7 +52,9 @@ struct CPixelSweep {
   // When not 0, the pass relaxes a second chunk alongside, whose degrees lie
   // this many floats after u (and its parents' after parentValues) and its
   // data term pairRhsStride floats after rhs: both chunks of a pixel in one
-  // register, sharing the loads of the weights.
+  // register, sharing the loads of the weights. Where they cannot share one
+  // (128-bit registers, or the check), the chunks go one after the other, in
+  // a shared pass the second as pass + 1.
   ptrdiff_t pairStride = 0;
   ptrdiff_t pairRhsStride = 0;
 };

@@ -310,6 +310,7 @@ TARNWICK_KERNEL_INLINE CPixelSweep secondOfPair(const CPixelSweep& aPair) {
   second.pairStride = 0;
   second.pairRhsStride = 0;
   second.projectFirst = nullptr;
+  second.pass = aPair.pass + 1;
   return second;
 }
 
