@@ -8,10 +8,10 @@
 //   so one walk of a node's edges updates all labels of a chunk at once with
 //   SIMD lanes; within one inner iteration the label passes are independent,
 //   so the chunks are shared out among the threads, and a chunk left over
-//   (one of one) has its pixel pass shared by all of them in bands of rows
-//   that trail each other; two threads share every pass that way when the
-//   pixels outgrow the cache or the chunks are odd in number, so that the
-//   pixels' projection can join the next pass;
+//   (such as one of one) has its pixel pass shared by all of them in bands
+//   of rows that trail each other; two threads share every pass that way
+//   when the pixels outgrow the cache or the chunks are odd in number, so
+//   that the pixels' projection can join the next pass;
 // - edge weights, weight sums and the over-relaxation factor per node are
 //   formed once per outer iteration with the same float operations;
 // - the vector kernels (flat/FlatKernels.h) are written once over a lane
