@@ -8,6 +8,11 @@
 
 namespace NFlat {
 
+// Pauses a waiter makes before it yields, here and in the pixel passes'
+// hand-over between bands. With 4000, two two-thread runs side by side took
+// 1.6 times as long, and up to 2.5 times with every pixel pass shared.
+constexpr int kSpinsBeforeYield = 200;
+
 class CYieldingBarrier {
 public:
   explicit CYieldingBarrier(int aThreads) : mThreads(aThreads) {}
@@ -20,7 +25,7 @@ public:
       return;
     }
     for (int spin = 0; mGeneration.load(std::memory_order_acquire) == generation; spin++) {
-      if (spin < 4000)
+      if (spin < kSpinsBeforeYield)
         __builtin_ia32_pause();  // lets the sibling hardware thread run while spinning
       else
         std::this_thread::yield();

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "CSuperpixelLayer.h"
+#include "flat/CYieldingBarrier.h"
 #include "flat/FlatKernels.h"
 #include "simd/CLanes.h"
 
@@ -292,7 +293,7 @@ TARNWICK_KERNEL_INLINE int quadsBeforeRow(const CPixelSweep& s, int aRow) {
 TARNWICK_KERNEL_INLINE long long awaitProgress(const std::atomic<long long>& aProgress, long long aWanted) {
   long long seen = aProgress.load(std::memory_order_acquire);
   for (int spin = 0; seen < aWanted; spin++) {
-    if (spin < 4000)
+    if (spin < kSpinsBeforeYield)
       __builtin_ia32_pause();
     else
       std::this_thread::yield();
