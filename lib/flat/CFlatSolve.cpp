@@ -119,9 +119,11 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
     const bool allShared = threads == 2 && mChunks >= 2 &&
                            (mChunks % 2 == 1 || static_cast<size_t>(n) * kPixelBytesPerChunk * (mChunks + 1) >
                                                     gShareAbove.load(std::memory_order_relaxed));
-    // Chunks a thread sweeps alone; the rest each in passes the team shares,
-    // then on through the coarser layers by one of them.
-    const int alone = mChunks - mChunks % threads;
+    // Chunks whose coarser layers a thread sweeps alone, and without every
+    // pass shared also their pixels; the rest each in passes the team
+    // shares, then on through the coarser layers by one of them.
+    const int alone = allShared ? mChunks : mChunks - mChunks % threads;
+    const auto partner = [&](int c) { return c + threads < alone ? c + threads : -1; };
     long long sharedPasses = 0;
     // When the pixel passes of all chunks follow each other in one stream of
     // bands, the pixels' projection can wait for the next pass, which finds
@@ -139,35 +141,29 @@ void CFlatHierarchy::solve(const CMatrix<float>& aConf, const CTensor<float>& aL
         pixelsLater = oneStream && inner + 1 < NSolverRules::kInnerIterations;
         clock.lap(mPhaseTimes.layerSweeps);
         if (allShared) {
-          // Two chunks to a shared pass (two pass numbers, see CPixelSweep),
-          // then each thread the coarser layers of every other chunk, two at
-          // a time.
+          // Two chunks to a shared pass (two pass numbers, see CPixelSweep).
           for (int c = 0; c < mChunks; c += 2) {
             sharedPasses += 2;
             sweepPixels(c, c + 1 < mChunks ? c + 1 : -1, aAlpha, aOmega, projectFirst && c == 0, thread, threads,
                         sharedPasses - 1);
           }
           barrier->wait();
-          clock.lap(mPhaseTimes.pixelSweeps);
-          for (int c = thread; c < mChunks; c += 2 * threads)
-            for (int l = 1; l < layers; l++) sweepLayer(l, c, c + threads < mChunks ? c + threads : -1, aOmega);
         } else {
           // A thread's own chunks two at a time: their pixels in one pass,
           // then their coarser layers, whose update chains overlap.
-          const auto partner = [&](int c) { return c + threads < alone ? c + threads : -1; };
           for (int c = thread; c < alone; c += 2 * threads)
             sweepPixels(c, partner(c), aAlpha, aOmega, projectFirst && c == 0);
+        }
+        clock.lap(mPhaseTimes.pixelSweeps);
+        for (int c = thread; c < alone; c += 2 * threads)
+          for (int l = 1; l < layers; l++) sweepLayer(l, c, partner(c), aOmega);
+        for (int c = alone; c < mChunks; c++) {
+          clock.lap(mPhaseTimes.layerSweeps);
+          sweepPixels(c, -1, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
+          barrier->wait();
           clock.lap(mPhaseTimes.pixelSweeps);
-          for (int c = thread; c < alone; c += 2 * threads)
-            for (int l = 1; l < layers; l++) sweepLayer(l, c, partner(c), aOmega);
-          for (int c = alone; c < mChunks; c++) {
-            clock.lap(mPhaseTimes.layerSweeps);
-            sweepPixels(c, -1, aAlpha, aOmega, projectFirst, thread, threads, ++sharedPasses);
-            barrier->wait();
-            clock.lap(mPhaseTimes.pixelSweeps);
-            if (thread == c % threads)
-              for (int l = 1; l < layers; l++) sweepLayer(l, c, -1, aOmega);
-          }
+          if (thread == c % threads)
+            for (int l = 1; l < layers; l++) sweepLayer(l, c, -1, aOmega);
         }
         barrier->wait();
         clock.lap(mPhaseTimes.layerSweeps);
