@@ -416,11 +416,12 @@ struct CNearTieCase {
 class NearTieTest : public ::testing::TestWithParam<CNearTieCase> {};
 
 // At the default tolerance the iteration agrees with the direct solution to
-// within a small multiple of the tolerance (the error estimate is not a
-// bound), well below the gaps that decide the hard labels; the direct
-// solution's degrees of every pixel sum to one. Small blocks cut the pixels
-// and the regions into many blocks that the smoother couples by their
-// values before each sweep.
+// within a small multiple of the tolerance, in the units the stop measures
+// (a degree's error times min(1, sqrt(diagonal))): the estimate is not a
+// bound, and falls up to about 3.3 times short here. That is well below the
+// gaps that decide the hard labels. The direct solution's degrees of every
+// pixel sum to one. Small blocks cut the pixels and the regions into many
+// blocks that the smoother couples by their values before each sweep.
 TEST_P(NearTieTest, AgreesWithTheDirectSolution) {
   const CTestScene scene = nearTieScene(GetParam().labels);
   CConvergedParameters parameters;
@@ -430,18 +431,21 @@ TEST_P(NearTieTest, AgreesWithTheDirectSolution) {
   const std::vector<double> exact = directSolve(system);
   const CTensor<float> degrees =
       solveConverged(scene.image, scene.segmentations, scene.labels, scene.labelCount, parameters);
+  const NConverged::CSparseGraph& matrix = system.mMatrix;
   const int w = scene.image.xSize();
   int nearTies = 0;
   for (int y = 0; y < scene.image.ySize(); y++)
     for (int x = 0; x < w; x++) {
       const int unknown = system.mUnknownOfPixel[static_cast<size_t>(x + y * w)];
       if (unknown < 0) continue;
+      const double diagonal = matrix.linkSum(unknown) + matrix.mGround[static_cast<size_t>(unknown)];
+      const double bound = 4 * parameters.mTolerance / std::min(1.0, std::sqrt(diagonal));
       int best = 0;
       int second = -1;
       double sum = 0;
       for (int l = 0; l < scene.labelCount; l++) {
         const double value = exact[static_cast<size_t>(unknown) * scene.labelCount + l];
-        EXPECT_NEAR(degrees(x, y, l), value, 3 * parameters.mTolerance) << x << "," << y << " label " << l;
+        EXPECT_NEAR(degrees(x, y, l), value, bound) << x << "," << y << " label " << l;
         sum += value;
         if (value > exact[static_cast<size_t>(unknown) * scene.labelCount + best]) {
           second = best;
@@ -454,8 +458,8 @@ TEST_P(NearTieTest, AgreesWithTheDirectSolution) {
       const double gap = exact[static_cast<size_t>(unknown) * scene.labelCount + best] -
                          exact[static_cast<size_t>(unknown) * scene.labelCount + second];
       nearTies += gap < 0.1;
-      // Both degrees may be off by the tolerance's multiple above.
-      if (gap < 6 * parameters.mTolerance) continue;
+      // Both degrees may be off by the bound.
+      if (gap < 2 * bound) continue;
       int found = 0;
       for (int l = 1; l < scene.labelCount; l++)
         if (degrees(x, y, l) > degrees(x, y, found)) found = l;

@@ -17,60 +17,35 @@ constexpr float kDominance = 5.0f;
 // Coarsening that keeps more than this share of the nodes has stalled.
 constexpr double kStall = 0.85;
 constexpr int kMaxLevels = 40;
+// Pairs are matched over links of at least this strength (the link over the
+// root of both diagonals), halved at most kThresholdHalvings times until a
+// level has at most 1 / kShrink of the nodes of the level above.
+constexpr float kPairThreshold = 0.1f;
+constexpr int kThresholdHalvings = 6;
+constexpr int kShrink = 3;
 // Blocks per level for the threads to share; a level's blocks are fixed by
 // its graph alone.
 constexpr int kMaxBlocks = 16;
 
-// Groups the nodes along their strongest links: a node joins the group of
-// its strongest neighbour, or starts a new group with it. Pixels tied to a
-// region more strongly than to each other thus gather with it in one group.
-// Of equally strong neighbours a node prefers one without a group: in a flat
-// area, where all links weigh the same, the first neighbour would otherwise
-// chain the whole area into one group. Returns the number of groups.
-int groupNodes(const CSparseGraph& aMatrix, std::vector<int>& aGroup) {
-  const int n = aMatrix.nodeCount();
-  aGroup.assign(static_cast<size_t>(n), -2);
-  for (int i = 0; i < n; i++)
-    if (aMatrix.mGround[i] > kDominance * aMatrix.linkSum(i)) aGroup[i] = -1;
-  int groups = 0;
-  for (int i = 0; i < n; i++) {
-    if (aGroup[i] != -2) continue;
-    int partner = -1;
-    float best = 0.0f;
-    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
-      const int j = aMatrix.mNeighbour[e];
-      if (j == i || aGroup[j] == -1) continue;
-      const bool tieToFree = aMatrix.mWeight[e] == best && aGroup[j] == -2 && partner >= 0 && aGroup[partner] >= 0;
-      if (aMatrix.mWeight[e] > best || tieToFree) {
-        best = aMatrix.mWeight[e];
-        partner = j;
-      }
-    }
-    if (partner >= 0 && aGroup[partner] >= 0) {
-      aGroup[i] = aGroup[partner];
-      continue;
-    }
-    aGroup[i] = groups;
-    if (partner >= 0) aGroup[partner] = groups;
-    groups++;
-  }
-  return groups;
+// Every group's members in order: those of group g are aMembers[aMemberStart[g]]
+// .. aMembers[aMemberStart[g + 1] - 1].
+void listMembers(const std::vector<int>& aGroup, int aGroups, std::vector<int>& aMemberStart,
+                 std::vector<int>& aMembers) {
+  aMemberStart.assign(static_cast<size_t>(aGroups) + 1, 0);
+  for (const int g : aGroup)
+    if (g >= 0) aMemberStart[g + 1]++;
+  for (int g = 0; g < aGroups; g++) aMemberStart[g + 1] += aMemberStart[g];
+  aMembers.resize(static_cast<size_t>(aMemberStart.back()));
+  std::vector<int> fill(aMemberStart.begin(), aMemberStart.end() - 1);
+  for (int i = 0; i < static_cast<int>(aGroup.size()); i++)
+    if (aGroup[i] >= 0) aMembers[fill[aGroup[i]]++] = i;
 }
 
-// The Galerkin product P^T A P for the piecewise constant P of aGroup; also
-// gives every group's members in order.
-CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup, int aGroups,
-                     std::vector<int>& aMemberStart, std::vector<int>& aMembers) {
-  const int n = aMatrix.nodeCount();
-  std::vector<int> memberStart(static_cast<size_t>(aGroups) + 1, 0);
-  for (int i = 0; i < n; i++)
-    if (aGroup[i] >= 0) memberStart[aGroup[i] + 1]++;
-  for (int g = 0; g < aGroups; g++) memberStart[g + 1] += memberStart[g];
-  std::vector<int> members(static_cast<size_t>(memberStart.back()));
-  std::vector<int> fill(memberStart.begin(), memberStart.end() - 1);
-  for (int i = 0; i < n; i++)
-    if (aGroup[i] >= 0) members[fill[aGroup[i]]++] = i;
-
+// The Galerkin product P^T A P for the piecewise constant P of aGroup.
+CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup, int aGroups) {
+  std::vector<int> memberStart;
+  std::vector<int> members;
+  listMembers(aGroup, aGroups, memberStart, members);
   CSparseGraph coarse;
   coarse.mGround.assign(static_cast<size_t>(aGroups), 0.0f);
   coarse.mStart.assign(1, 0);
@@ -103,9 +78,82 @@ CSparseGraph coarsen(const CSparseGraph& aMatrix, const std::vector<int>& aGroup
     coarse.mGround[g] = ground;
     coarse.mStart.push_back(coarse.linkCount());
   }
-  aMemberStart = std::move(memberStart);
-  aMembers = std::move(members);
   return coarse;
+}
+
+// Pairs each node without a group with its strongest neighbour without a
+// group, if their link is at least aThreshold times the root of both
+// diagonals; a node left alone then joins the group of its strongest
+// neighbour over such a link. With aDominance, nodes whose ground outweighs
+// their links kDominance times are left to the smoother (-1). Returns the
+// number of groups.
+int matchPairs(const CSparseGraph& aMatrix, float aThreshold, bool aDominance, std::vector<int>& aGroup) {
+  const int n = aMatrix.nodeCount();
+  aGroup.assign(static_cast<size_t>(n), -2);
+  std::vector<float> diagonal(static_cast<size_t>(n));
+  for (int i = 0; i < n; i++) {
+    diagonal[i] = aMatrix.linkSum(i) + aMatrix.mGround[i];
+    if (aDominance && aMatrix.mGround[i] > kDominance * aMatrix.linkSum(i)) aGroup[i] = -1;
+  }
+  // The strongest neighbour j of i with aAccept(j), and the link's strength.
+  const auto strongest = [&](int i, auto aAccept) {
+    int partner = -1;
+    float best = -1.0f;
+    for (int e = aMatrix.mStart[i]; e < aMatrix.mStart[i + 1]; e++) {
+      const int j = aMatrix.mNeighbour[e];
+      if (j == i || !aAccept(j)) continue;
+      const float strength = aMatrix.mWeight[e] / std::sqrt(diagonal[i] * diagonal[j]);
+      if (strength > best) {
+        best = strength;
+        partner = j;
+      }
+    }
+    return std::make_pair(partner, best);
+  };
+  std::vector<int> alone;
+  int groups = 0;
+  for (int i = 0; i < n; i++) {
+    if (aGroup[i] != -2) continue;
+    const auto [partner, strength] = strongest(i, [&](int j) { return aGroup[j] == -2; });
+    aGroup[i] = groups++;
+    if (partner >= 0 && strength >= aThreshold)
+      aGroup[partner] = aGroup[i];
+    else
+      alone.push_back(i);
+  }
+  for (const int i : alone) {
+    const auto [partner, strength] = strongest(i, [&](int j) { return aGroup[j] >= 0; });
+    if (partner >= 0 && strength >= aThreshold) aGroup[i] = aGroup[partner];
+  }
+  // Number the groups that kept members in order.
+  std::vector<int> number(static_cast<size_t>(groups), -1);
+  int kept = 0;
+  for (int& g : aGroup)
+    if (g >= 0) {
+      if (number[g] < 0) number[g] = kept++;
+      g = number[g];
+    }
+  return kept;
+}
+
+// Groups the nodes by pairs matched twice (the second time on the pairs'
+// Galerkin product), so a group has at most a handful of members and follows
+// strong links: groups chained along the strongest links represent the error
+// that varies along the chain badly, and the iterations grew with the image.
+// The threshold starts at kPairThreshold and halves until the level shrinks
+// at least kShrink times; aThreshold carries it from level to level, as the
+// coarser levels never shrink at a higher one. Returns the coarse system.
+CSparseGraph groupNodes(const CSparseGraph& aMatrix, float& aThreshold, std::vector<int>& aGroup) {
+  CSparseGraph coarse;
+  for (int attempt = 0;; attempt++, aThreshold *= 0.5f) {
+    const int pairCount = matchPairs(aMatrix, aThreshold, true, aGroup);
+    const CSparseGraph pairs = coarsen(aMatrix, aGroup, pairCount);
+    std::vector<int> pairGroup;
+    const int groups = matchPairs(pairs, aThreshold, false, pairGroup);
+    for (int& g : aGroup)
+      if (g >= 0) g = pairGroup[g];
+    if (groups * kShrink <= aMatrix.nodeCount() || attempt == kThresholdHalvings) return coarsen(pairs, pairGroup, groups);
+  }
 }
 
 size_t valuesSize(int aNodes, int aColumns) { return static_cast<size_t>(aNodes) * aColumns; }
@@ -500,6 +548,19 @@ void directionRows(const float* aBeta, const float* aZ, float* aP, int aColumns,
     for (int c = 0; c < columns; c++) aP[k + c] = aZ[k + c] + aBeta[c] * aP[k + c];
 }
 
+// Over one block, per column the sum of aA * aB in node order.
+template <int kColumns>
+void dotRows(const float* aA, const float* aB, double* aDot, int aColumns, int aBegin, int aEnd) {
+  const int columns = kColumns > 0 ? kColumns : aColumns;
+  double fixedDot[kColumns > 0 ? kColumns : 1] = {};
+  std::vector<double> runtimeDot(kColumns > 0 ? 0 : static_cast<size_t>(columns), 0.0);
+  double* dot = kColumns > 0 ? fixedDot : runtimeDot.data();
+  for (size_t k = static_cast<size_t>(aBegin) * columns; k < static_cast<size_t>(aEnd) * columns;
+       k += static_cast<size_t>(columns))
+    for (int c = 0; c < columns; c++) dot[c] += static_cast<double>(aA[k + c]) * aB[k + c];
+  std::copy(dot, dot + columns, aDot);
+}
+
 // Calls aKernel<k>(...) with k = aColumns for small counts, else k = 0.
 #define TARNWICK_DISPATCH_COLUMNS(aKernel, aColumns, ...) \
   switch (aColumns) {                                     \
@@ -660,18 +721,23 @@ struct CMultilevelSolver::CWork {
   std::vector<std::vector<float>> mRhs;
   std::vector<std::vector<float>> mX;
   std::vector<std::vector<float>> mHalo;  // per level, values other blocks read during a sweep
+  // Per coarse level, the K-cycle's direction, its product and its sum.
+  std::vector<std::vector<float>> mDirection;
+  std::vector<std::vector<float>> mProduct;
+  std::vector<std::vector<float>> mSum;
   std::vector<float> mResidual;
 };
 
 CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix, int aBlockSize) {
   mLevels.emplace_back();
   mLevels.back().mMatrix = std::move(aMatrix);
+  float threshold = kPairThreshold;
   while (mLevels.back().mMatrix.nodeCount() > kDirectLimit && static_cast<int>(mLevels.size()) < kMaxLevels) {
     CLevel& fine = mLevels.back();
     std::vector<int> group;
-    const int coarseCount = groupNodes(fine.mMatrix, group);
-    if (coarseCount > kStall * fine.mMatrix.nodeCount()) break;
-    CSparseGraph coarse = coarsen(fine.mMatrix, group, coarseCount, fine.mMemberStart, fine.mMembers);
+    CSparseGraph coarse = groupNodes(fine.mMatrix, threshold, group);
+    if (coarse.nodeCount() > kStall * fine.mMatrix.nodeCount()) break;
+    listMembers(group, coarse.nodeCount(), fine.mMemberStart, fine.mMembers);
     fine.mAggregate = std::move(group);
     mLevels.emplace_back();
     mLevels.back().mMatrix = std::move(coarse);
@@ -771,8 +837,80 @@ void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
   }
 }
 
-// A symmetric V-cycle from a zero guess: forward sweep, coarse correction of
-// the residual, backward sweep. Each step is shared out by blocks.
+// The coarse correction of level aLevel: two steps of flexible conjugate
+// gradients on its system, each preconditioned by its cycle (a K-cycle), so
+// that the correction is the best of its span in the system's energy; the
+// coarsest level is solved directly. With a single cycle per level, as in a
+// V-cycle, the iterations grew with the image.
+void CMultilevelSolver::correct(int aLevel, CWork& aWork) const {
+  if (aLevel == levelCount() - 1) {
+    cycle(aLevel, aWork);
+    return;
+  }
+  const CLevel& level = mLevels[aLevel];
+  const int columns = aWork.mColumns;
+  float* r = aWork.mRhs[aLevel].data();
+  float* p = aWork.mDirection[aLevel].data();
+  float* q = aWork.mProduct[aLevel].data();
+  float* sum = aWork.mSum[aLevel].data();
+  const std::vector<int>& blocks = level.mNodeBlockStart;
+  const std::vector<int>& rowBlocks = level.mRowBlockStart;
+  std::vector<double> blockDot;
+  const auto dot = [&](const float* aA, const float* aB) {
+    blockDot.resize(static_cast<size_t>(blocks.size() - 1) * columns);
+    forBlocks(blocks, [&](int aBlock, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(dotRows, columns, aA, aB, &blockDot[static_cast<size_t>(aBlock) * columns], columns,
+                                aBegin, aEnd)
+    });
+    return sumOverBlocks(blockDot, columns);
+  };
+  // q = A p; returns p . q per column.
+  const auto multiply = [&] {
+    blockDot.resize(static_cast<size_t>(rowBlocks.size() - 1) * columns);
+    forBlocks(rowBlocks, [&](int aBlock, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(multiplyRows, columns, level.mMatrix, p, q,
+                                &blockDot[static_cast<size_t>(aBlock) * columns], columns, aBegin, aEnd)
+    });
+    return sumOverBlocks(blockDot, columns);
+  };
+  const auto ratio = [](double aNumerator, double aDenominator) {
+    return aDenominator > 0.0 ? static_cast<float>(aNumerator / aDenominator) : 0.0f;
+  };
+  std::vector<float> alpha(static_cast<size_t>(columns));
+  std::vector<float> beta(static_cast<size_t>(columns));
+  // First step: p = z = M r, sum = alpha p, r -= alpha q.
+  cycle(aLevel, aWork);
+  float* z = aWork.mX[aLevel].data();
+  const std::vector<double> rz = dot(r, z);
+  forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+    std::copy(z + static_cast<size_t>(aBegin) * columns, z + static_cast<size_t>(aEnd) * columns,
+              p + static_cast<size_t>(aBegin) * columns);
+    std::fill(sum + static_cast<size_t>(aBegin) * columns, sum + static_cast<size_t>(aEnd) * columns, 0.0f);
+  });
+  const std::vector<double> pq = multiply();
+  for (int c = 0; c < columns; c++) alpha[c] = ratio(rz[c], pq[c]);
+  forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+    TARNWICK_DISPATCH_COLUMNS(stepRows, columns, alpha.data(), p, q, sum, r, columns, aBegin, aEnd)
+  });
+  // Second step: z = M r made conjugate to p, p = z + beta p.
+  cycle(aLevel, aWork);
+  z = aWork.mX[aLevel].data();
+  const std::vector<double> zq = dot(z, q);
+  const std::vector<double> rzNext = dot(r, z);
+  for (int c = 0; c < columns; c++) beta[c] = -ratio(zq[c], pq[c]);
+  forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+    TARNWICK_DISPATCH_COLUMNS(directionRows, columns, beta.data(), z, p, columns, aBegin, aEnd)
+  });
+  const std::vector<double> pqNext = multiply();
+  for (int c = 0; c < columns; c++) alpha[c] = ratio(rzNext[c], pqNext[c]);
+  forBlocks(blocks, [&](int, int aBegin, int aEnd) {
+    TARNWICK_DISPATCH_COLUMNS(stepRows, columns, alpha.data(), p, q, sum, r, columns, aBegin, aEnd)
+  });
+  std::swap(aWork.mX[aLevel], aWork.mSum[aLevel]);
+}
+
+// One cycle from a zero guess: forward sweep, coarse correction of the
+// residual, backward sweep. Each step is shared out by blocks.
 void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   if (aLevel == levelCount() - 1) {
     solveCoarsest(aWork);
@@ -795,7 +933,7 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
                               level.mStraddlerStart[aBlock + 1], level.mCoarseStart[aBlock],
                               level.mCoarseStart[aBlock + 1], residual, coarseRhs, columns, aBegin, aEnd)
   });
-  cycle(aLevel + 1, aWork);
+  correct(aLevel + 1, aWork);
   const float* coarseX = aWork.mX[aLevel + 1].data();
   float* halo = aWork.mHalo[aLevel].data();
   forBlocks(level.mNodeBlockStart, [&](int, int aBegin, int aEnd) {
@@ -824,6 +962,9 @@ void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
   aWork.mRhs.resize(mLevels.size());
   aWork.mX.resize(mLevels.size());
   aWork.mHalo.resize(mLevels.size());
+  aWork.mDirection.resize(mLevels.size());
+  aWork.mProduct.resize(mLevels.size());
+  aWork.mSum.resize(mLevels.size());
   // Every kernel writes these before it reads them, and the column count
   // only falls, so they are sized without being filled.
   for (size_t l = 0; l < mLevels.size(); l++) {
@@ -832,6 +973,11 @@ void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
     if (l > 0) aWork.mRhs[l].resize(size);
     if (l > 0) aWork.mX[l].resize(size);
     if (l + 1 < mLevels.size()) aWork.mHalo[l].resize(size);
+    if (l > 0 && l + 1 < mLevels.size()) {
+      aWork.mDirection[l].resize(size);
+      aWork.mProduct[l].resize(size);
+      aWork.mSum[l].resize(size);
+    }
   }
   aWork.mResidual.resize(valuesSize(mLevels[0].mMatrix.nodeCount(), aColumns));
 }
@@ -862,6 +1008,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   const size_t nodeBlocks = blocks.size() - 1;
   std::vector<double> rz;
   std::vector<double> rzNew;
+  std::vector<double> pq;
   std::vector<float> largest;
   // The preconditioned residual z = M r estimates the remaining error of
   // every node in the units of the solution. One pass gives per column the
@@ -900,14 +1047,17 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
     std::vector<int> kept;
     std::vector<double> keptRz;
     std::vector<double> keptRzNew;
+    std::vector<double> keptPq;
     for (const int c : keep) {
       kept.push_back(columnOf[static_cast<size_t>(c)]);
+      if (!pq.empty()) keptPq.push_back(pq[static_cast<size_t>(c)]);
       if (!rz.empty()) keptRz.push_back(rz[static_cast<size_t>(c)]);
       keptRzNew.push_back(rzNew[static_cast<size_t>(c)]);
     }
     columnOf = kept;
     rz = keptRz;
     rzNew = keptRzNew;
+    pq = keptPq;
     columns = static_cast<int>(keep.size());
     prepare(work, columns);
     return columns > 0;
@@ -927,7 +1077,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
       TARNWICK_DISPATCH_COLUMNS(multiplyRows, columns, finest.mMatrix, p.data(), q.data(),
                                 &blockPq[static_cast<size_t>(aBlock) * columns], columns, aBegin, aEnd)
     });
-    const std::vector<double> pq = sumOverBlocks(blockPq, columns);
+    pq = sumOverBlocks(blockPq, columns);
     alpha.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) alpha[c] = pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
     forBlocks(blocks, [&](int, int aBegin, int aEnd) {
@@ -937,9 +1087,17 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
     cycle(0, work);
     measure();
     if (!settle(iteration)) return result;
+    // Flexible: the next direction is made conjugate to this one, since the
+    // preconditioner's coarse steps depend on the residual.
+    blockPq.resize(static_cast<size_t>(nodeBlocks) * columns);
+    forBlocks(blocks, [&](int aBlock, int aBegin, int aEnd) {
+      TARNWICK_DISPATCH_COLUMNS(dotRows, columns, z.data(), q.data(), &blockPq[static_cast<size_t>(aBlock) * columns],
+                                columns, aBegin, aEnd)
+    });
+    const std::vector<double> zq = sumOverBlocks(blockPq, columns);
     beta.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) {
-      beta[c] = rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
+      beta[c] = pq[c] > 0.0 ? static_cast<float>(-zq[c] / pq[c]) : 0.0f;
       rz[c] = rzNew[c];
     }
     forBlocks(blocks, [&](int, int aBegin, int aEnd) {

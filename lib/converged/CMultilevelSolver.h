@@ -1,8 +1,11 @@
-// Conjugate gradients preconditioned by an aggregation multigrid cycle, for
-// the symmetric positive definite systems of CSparseGraph form. Each coarse
-// level groups every node with its strongest neighbour and takes the
-// Galerkin product as its system, so a cycle costs a small multiple of one
-// sweep over the matrix whatever the graph's diameter.
+// Flexible conjugate gradients preconditioned by an aggregation multigrid
+// K-cycle, for the symmetric positive definite systems of CSparseGraph form.
+// Each coarse level groups the nodes of the level above by pairs matched
+// twice over strong links (at most four to a group) and takes the Galerkin
+// product as its system; on each coarse level the cycle takes two
+// conjugate-gradient steps preconditioned by the cycle below. So the
+// iterations stay about the same whatever the graph's size, and a cycle costs
+// a small multiple of one sweep over the matrix.
 #pragma once
 
 #include <vector>
@@ -68,6 +71,7 @@ private:
   void prepare(CWork& aWork, int aColumns) const;
   void factorCoarsest();
   void cycle(int aLevel, CWork& aWork) const;
+  void correct(int aLevel, CWork& aWork) const;
   // One sweep of the smoother over level aLevel, in place; aHalo as in the
   // smoother's kernel.
   void sweep(int aLevel, const float* aRhs, float* aX, const float* aHalo, int aColumns, bool aForward) const;
