@@ -144,7 +144,6 @@ int matchPairs(const CSparseGraph& aMatrix, float aThreshold, bool aDominance, s
 // at least kShrink times; aThreshold carries it from level to level, as the
 // coarser levels never shrink at a higher one. Returns the coarse system.
 CSparseGraph groupNodes(const CSparseGraph& aMatrix, float& aThreshold, std::vector<int>& aGroup) {
-  CSparseGraph coarse;
   for (int attempt = 0;; attempt++, aThreshold *= 0.5f) {
     const int pairCount = matchPairs(aMatrix, aThreshold, true, aGroup);
     const CSparseGraph pairs = coarsen(aMatrix, aGroup, pairCount);
