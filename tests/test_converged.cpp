@@ -307,10 +307,10 @@ void expectQuickAndRight(const CGraphBuilder& aBuilder, int aMostIterations) {
   const NConverged::CMultilevelSolver solver(aBuilder.graph(), parameters.mBlockSize);
   std::vector<float> x(aBuilder.mRhs.size());
   const NConverged::CSolveResult result =
-      solver.solve(aBuilder.mRhs.data(), x.data(), 1, parameters.mTolerance, parameters.mMaxIterations);
+      solver.solve(aBuilder.mRhs, x.data(), 1, parameters.mTolerance, parameters.mMaxIterations);
   EXPECT_LE(result.mIterations, aMostIterations);
   std::vector<float> exact(x.size());
-  solver.solve(aBuilder.mRhs.data(), exact.data(), 1, 1e-6f, parameters.mMaxIterations);
+  solver.solve(aBuilder.mRhs, exact.data(), 1, 1e-6f, parameters.mMaxIterations);
   for (size_t i = 0; i < x.size(); i++) ASSERT_NEAR(x[i], exact[i], 3 * parameters.mTolerance) << "node " << i;
 }
 
@@ -503,12 +503,12 @@ TEST(Converged, EachLabelSolvesAloneToTheSameBits) {
   const int unknowns = system.mMatrix.nodeCount();
   const int labels = scene.labelCount;
   std::vector<float> together(system.mRhs.size());
-  solver.solve(system.mRhs.data(), together.data(), labels, parameters.mTolerance, parameters.mMaxIterations);
+  solver.solve(system.mRhs, together.data(), labels, parameters.mTolerance, parameters.mMaxIterations);
   for (int l = 0; l < labels; l++) {
     std::vector<float> rhs(static_cast<size_t>(unknowns));
     for (int i = 0; i < unknowns; i++) rhs[static_cast<size_t>(i)] = system.mRhs[static_cast<size_t>(i) * labels + l];
     std::vector<float> alone(rhs.size());
-    solver.solve(rhs.data(), alone.data(), 1, parameters.mTolerance, parameters.mMaxIterations);
+    solver.solve(rhs, alone.data(), 1, parameters.mTolerance, parameters.mMaxIterations);
     for (int i = 0; i < unknowns; i++)
       ASSERT_EQ(std::memcmp(&alone[static_cast<size_t>(i)], &together[static_cast<size_t>(i) * labels + l], sizeof(float)), 0)
           << "label " << l << " unknown " << i;

@@ -719,12 +719,13 @@ struct CMultilevelSolver::CWork {
   int mColumns = 0;
   std::vector<std::vector<float>> mRhs;
   std::vector<std::vector<float>> mX;
-  std::vector<std::vector<float>> mHalo;  // per level, values other blocks read during a sweep
+  // Per level, the values other blocks read during the backward sweep; until
+  // the prolongation writes them, the residual that the restriction reads.
+  std::vector<std::vector<float>> mHalo;
   // Per coarse level, the K-cycle's direction, its product and its sum.
   std::vector<std::vector<float>> mDirection;
   std::vector<std::vector<float>> mProduct;
   std::vector<std::vector<float>> mSum;
-  std::vector<float> mResidual;
 };
 
 CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix, int aBlockSize) {
@@ -919,7 +920,7 @@ void CMultilevelSolver::cycle(int aLevel, CWork& aWork) const {
   const int columns = aWork.mColumns;
   const float* rhs = aWork.mRhs[aLevel].data();
   float* x = aWork.mX[aLevel].data();
-  float* residual = aWork.mResidual.data();
+  float* residual = aWork.mHalo[aLevel].data();
   sweep(aLevel, rhs, x, nullptr, columns, true);
   forBlocks(level.mRowBlockStart, [&](int, int aBegin, int aEnd) {
     TARNWICK_DISPATCH_COLUMNS(sweptResidualRows, columns, level.mMatrix, level.mLowerEnd.data(), x, residual, columns,
@@ -978,10 +979,9 @@ void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
       aWork.mSum[l].resize(size);
     }
   }
-  aWork.mResidual.resize(valuesSize(mLevels[0].mMatrix.nodeCount(), aColumns));
 }
 
-CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance,
+CSolveResult CMultilevelSolver::solve(std::vector<float> aRhs, float* aSolution, int aColumns, float aTolerance,
                                       int aMaxIterations) const {
   const CLevel& finest = mLevels[0];
   const int n = finest.mMatrix.nodeCount();
@@ -995,7 +995,7 @@ CSolveResult CMultilevelSolver::solve(const float* aRhs, float* aSolution, int a
   CWork work;
   work.mRhs.assign(mLevels.size(), {});
   work.mX.assign(mLevels.size(), {});
-  work.mRhs[0].assign(aRhs, aRhs + valuesSize(n, aColumns));
+  work.mRhs[0] = std::move(aRhs);
   work.mX[0].assign(valuesSize(n, aColumns), 0.0f);
   prepare(work, columns);
 

@@ -31,12 +31,13 @@ public:
   CMultilevelSolver(CSparseGraph aMatrix, int aBlockSize);
 
   // Solves A X = B for aColumns right-hand sides stored node-major
-  // (aRhs[i * aColumns + c]) into aSolution, laid out alike. Every column is
+  // (aRhs[i * aColumns + c]) into aSolution, laid out alike. aRhs becomes
+  // the residual, so a caller that moves it in saves a copy. Every column is
   // iterated until its preconditioned residual, weighted per node by
   // min(1, sqrt(diagonal)), is at most aTolerance at every node and then
   // leaves the solve, so the others go on without its work; its result does
   // not depend on the other columns.
-  CSolveResult solve(const float* aRhs, float* aSolution, int aColumns, float aTolerance, int aMaxIterations) const;
+  CSolveResult solve(std::vector<float> aRhs, float* aSolution, int aColumns, float aTolerance, int aMaxIterations) const;
 
   int levelCount() const { return static_cast<int>(mLevels.size()); }
 

@@ -20,7 +20,7 @@ CTensor<float> solveConverged(const CTensor<float>& aImage, const std::vector<CT
   const int n = width * height;
   std::vector<float> x(system.mRhs.size());
   const CSolveResult solved =
-      solver.solve(system.mRhs.data(), x.data(), aLabelCount, aParameters.mTolerance, aParameters.mMaxIterations);
+      solver.solve(std::move(system.mRhs), x.data(), aLabelCount, aParameters.mTolerance, aParameters.mMaxIterations);
   CTensor<float> result(width, height, aLabelCount, 0.0f);
   float* out = result.data();
 #pragma omp parallel for schedule(static)
