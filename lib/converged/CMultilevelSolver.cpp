@@ -19,10 +19,18 @@ constexpr double kStall = 0.85;
 constexpr int kMaxLevels = 40;
 // Pairs are matched over links of at least this strength (the link over the
 // root of both diagonals), halved at most kThresholdHalvings times until a
-// level has at most 1 / kShrink of the nodes of the level above.
+// level has at most 1 / kFinestShrink (below the finest level, whose pairs
+// are matched twice) or 1 / kPairShrink (below the others) of the nodes of
+// the level above.
 constexpr float kPairThreshold = 0.1f;
 constexpr int kThresholdHalvings = 6;
-constexpr int kShrink = 3;
+constexpr double kFinestShrink = 3.0;
+constexpr double kPairShrink = 1.8;
+// Every kKCycleEvery-th coarse level, from the first on, takes the K-cycle's
+// two steps (see CMultilevelSolver::correct), the others a single cycle: with
+// pairs the nodes fall about eightfold from one such level to the next, so a
+// cycle's work stays a bounded multiple of one sweep of the finest level.
+constexpr int kKCycleEvery = 3;
 // Blocks per level for the threads to share; a level's blocks are fixed by
 // its graph alone.
 constexpr int kMaxBlocks = 16;
@@ -136,24 +144,32 @@ int matchPairs(const CSparseGraph& aMatrix, float aThreshold, bool aDominance, s
   return kept;
 }
 
-// Groups the nodes by pairs matched twice (the second time on the pairs'
-// Galerkin product), so a group has at most a handful of members and follows
-// strong links: groups chained along the strongest links represent the error
-// that varies along the chain badly, and the iterations grew with the image.
-// The threshold starts at kPairThreshold and halves until the level shrinks
-// at least kShrink times. aThreshold carries it from level to level: on a
-// benchmark scene no coarser level shrank enough at a higher threshold than
-// the level above, and each attempt costs two matchings. Returns the coarse
-// system.
-CSparseGraph groupNodes(const CSparseGraph& aMatrix, float& aThreshold, std::vector<int>& aGroup) {
+// Groups the nodes by pairs, and with aTwice the pairs again by pairs on
+// their Galerkin product, so a group follows strong links and has at most two
+// or four members: groups chained along the strongest links represent the
+// error that varies along the chain badly, and the iterations grew with the
+// image. Only the finest level's pairs are matched twice: with groups of
+// four on the coarser levels too, small images took two to three times the
+// iterations, the error left lying along the seams where the texture window
+// crosses a boundary. The threshold starts at aThreshold and halves until
+// the level shrinks enough; aThreshold carries it to the next level, whose
+// nodes are more loosely tied, and each attempt costs a matching. Returns the
+// coarse system.
+CSparseGraph groupNodes(const CSparseGraph& aMatrix, bool aTwice, float& aThreshold, std::vector<int>& aGroup) {
+  const double shrink = aTwice ? kFinestShrink : kPairShrink;
   for (int attempt = 0;; attempt++, aThreshold *= 0.5f) {
+    const bool last = attempt == kThresholdHalvings;
     const int pairCount = matchPairs(aMatrix, aThreshold, true, aGroup);
-    const CSparseGraph pairs = coarsen(aMatrix, aGroup, pairCount);
+    CSparseGraph pairs = coarsen(aMatrix, aGroup, pairCount);
+    if (!aTwice) {
+      if (pairCount * shrink <= aMatrix.nodeCount() || last) return pairs;
+      continue;
+    }
     std::vector<int> pairGroup;
     const int groups = matchPairs(pairs, aThreshold, false, pairGroup);
     for (int& g : aGroup)
       if (g >= 0) g = pairGroup[g];
-    if (groups * kShrink <= aMatrix.nodeCount() || attempt == kThresholdHalvings) return coarsen(pairs, pairGroup, groups);
+    if (groups * shrink <= aMatrix.nodeCount() || last) return coarsen(pairs, pairGroup, groups);
   }
 }
 
@@ -737,7 +753,7 @@ CMultilevelSolver::CMultilevelSolver(CSparseGraph aMatrix, int aBlockSize) {
   while (mLevels.back().mMatrix.nodeCount() > kDirectLimit && static_cast<int>(mLevels.size()) < kMaxLevels) {
     CLevel& fine = mLevels.back();
     std::vector<int> group;
-    CSparseGraph coarse = groupNodes(fine.mMatrix, threshold, group);
+    CSparseGraph coarse = groupNodes(fine.mMatrix, mLevels.size() == 1, threshold, group);
     if (coarse.nodeCount() > kStall * fine.mMatrix.nodeCount()) break;
     listMembers(group, coarse.nodeCount(), fine.mMemberStart, fine.mMembers);
     fine.mAggregate = std::move(group);
@@ -839,13 +855,18 @@ void CMultilevelSolver::solveCoarsest(CWork& aWork) const {
   }
 }
 
-// The coarse correction of level aLevel: two steps of flexible conjugate
-// gradients on its system, each preconditioned by its cycle (a K-cycle), so
-// that the correction is the best of its span in the system's energy; the
-// coarsest level is solved directly. With a single cycle per level, as in a
-// V-cycle, the iterations grew with the image.
+bool CMultilevelSolver::takesKSteps(int aLevel) const {
+  return aLevel > 0 && aLevel < levelCount() - 1 && (aLevel - 1) % kKCycleEvery == 0;
+}
+
+// The coarse correction of level aLevel. On the levels that take K steps it
+// is two steps of flexible conjugate gradients on the level's system, each
+// preconditioned by its cycle (a K-cycle), so that the correction is the
+// best of its span in the system's energy; with a single cycle on every
+// level, as in a V-cycle, the iterations grew with the image. The coarsest
+// level is solved directly.
 void CMultilevelSolver::correct(int aLevel, CWork& aWork) const {
-  if (aLevel == levelCount() - 1) {
+  if (!takesKSteps(aLevel)) {
     cycle(aLevel, aWork);
     return;
   }
@@ -975,7 +996,7 @@ void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
     if (l > 0) aWork.mRhs[l].resize(size);
     if (l > 0) aWork.mX[l].resize(size);
     if (l + 1 < mLevels.size()) aWork.mHalo[l].resize(size);
-    if (l > 0 && l + 1 < mLevels.size()) {
+    if (takesKSteps(static_cast<int>(l))) {
       aWork.mDirection[l].resize(size);
       aWork.mProduct[l].resize(size);
       aWork.mSum[l].resize(size);

@@ -1,11 +1,11 @@
 // Flexible conjugate gradients preconditioned by an aggregation multigrid
 // K-cycle, for the symmetric positive definite systems of CSparseGraph form.
-// Each coarse level groups the nodes of the level above by pairs matched
-// twice over strong links (at most four to a group) and takes the Galerkin
-// product as its system; on each coarse level the cycle takes two
-// conjugate-gradient steps preconditioned by the cycle below. So the
-// iterations stay about the same whatever the graph's size, and a cycle costs
-// a small multiple of one sweep over the matrix.
+// Each coarse level groups the nodes of the level above by pairs matched over
+// strong links (the finest level's pairs matched again, so four to a group)
+// and takes the Galerkin product as its system; on every third coarse level
+// the cycle takes two conjugate-gradient steps preconditioned by the cycle
+// below. So the iterations stay about the same whatever the graph's size,
+// and a cycle costs a small multiple of one sweep over the matrix.
 #pragma once
 
 #include <vector>
@@ -73,6 +73,7 @@ private:
   void factorCoarsest();
   void cycle(int aLevel, CWork& aWork) const;
   void correct(int aLevel, CWork& aWork) const;
+  bool takesKSteps(int aLevel) const;
   // One sweep of the smoother over level aLevel, in place; aHalo as in the
   // smoother's kernel.
   void sweep(int aLevel, const float* aRhs, float* aX, const float* aHalo, int aColumns, bool aForward) const;
