@@ -995,7 +995,8 @@ void CMultilevelSolver::prepare(CWork& aWork, int aColumns) const {
     // The finest level's residual and preconditioned residual carry over.
     if (l > 0) aWork.mRhs[l].resize(size);
     if (l > 0) aWork.mX[l].resize(size);
-    if (l + 1 < mLevels.size()) aWork.mHalo[l].resize(size);
+    // The finest level's halo also holds the product A p (see solve).
+    if (l == 0 || l + 1 < mLevels.size()) aWork.mHalo[l].resize(size);
     if (takesKSteps(static_cast<int>(l))) {
       aWork.mDirection[l].resize(size);
       aWork.mProduct[l].resize(size);
@@ -1026,11 +1027,12 @@ CSolveResult CMultilevelSolver::solve(std::vector<float> aRhs, float* aSolution,
   std::vector<float>& z = work.mX[0];
   std::vector<float> x(valuesSize(n, aColumns), 0.0f);
   std::vector<float> p;
-  std::vector<float> q(x.size());
+  // A q = A p lives only from the product to the step, so it takes the
+  // finest level's halo, which the cycle uses only after the step.
+  std::vector<float>& q = work.mHalo[0];
   const size_t nodeBlocks = blocks.size() - 1;
   std::vector<double> rz;
   std::vector<double> rzNew;
-  std::vector<double> pq;
   std::vector<float> largest;
   // The preconditioned residual z = M r estimates the remaining error of
   // every node in the units of the solution. One pass gives per column the
@@ -1065,21 +1067,18 @@ CSolveResult CMultilevelSolver::solve(std::vector<float> aRhs, float* aSolution,
       });
     }
     if (static_cast<int>(keep.size()) == columns) return true;
-    for (std::vector<float>* values : {&x, &r, &z, &p, &q}) keepColumns(*values, n, columns, keep);
+    for (std::vector<float>* values : {&x, &r, &z, &p}) keepColumns(*values, n, columns, keep);
     std::vector<int> kept;
     std::vector<double> keptRz;
     std::vector<double> keptRzNew;
-    std::vector<double> keptPq;
     for (const int c : keep) {
       kept.push_back(columnOf[static_cast<size_t>(c)]);
-      if (!pq.empty()) keptPq.push_back(pq[static_cast<size_t>(c)]);
       if (!rz.empty()) keptRz.push_back(rz[static_cast<size_t>(c)]);
       keptRzNew.push_back(rzNew[static_cast<size_t>(c)]);
     }
     columnOf = kept;
     rz = keptRz;
     rzNew = keptRzNew;
-    pq = keptPq;
     columns = static_cast<int>(keep.size());
     prepare(work, columns);
     return columns > 0;
@@ -1099,7 +1098,7 @@ CSolveResult CMultilevelSolver::solve(std::vector<float> aRhs, float* aSolution,
       TARNWICK_DISPATCH_COLUMNS(multiplyRows, columns, finest.mMatrix, p.data(), q.data(),
                                 &blockPq[static_cast<size_t>(aBlock) * columns], columns, aBegin, aEnd)
     });
-    pq = sumOverBlocks(blockPq, columns);
+    const std::vector<double> pq = sumOverBlocks(blockPq, columns);
     alpha.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) alpha[c] = pq[c] > 0.0 ? static_cast<float>(rz[c] / pq[c]) : 0.0f;
     forBlocks(blocks, [&](int, int aBegin, int aEnd) {
@@ -1109,17 +1108,14 @@ CSolveResult CMultilevelSolver::solve(std::vector<float> aRhs, float* aSolution,
     cycle(0, work);
     measure();
     if (!settle(iteration)) return result;
-    // Flexible: the next direction is made conjugate to this one, since the
-    // preconditioner's coarse steps depend on the residual.
-    blockPq.resize(static_cast<size_t>(nodeBlocks) * columns);
-    forBlocks(blocks, [&](int aBlock, int aBegin, int aEnd) {
-      TARNWICK_DISPATCH_COLUMNS(dotRows, columns, z.data(), q.data(), &blockPq[static_cast<size_t>(aBlock) * columns],
-                                columns, aBegin, aEnd)
-    });
-    const std::vector<double> zq = sumOverBlocks(blockPq, columns);
+    // The plain conjugate-gradient direction, although the K-cycle's steps
+    // make the preconditioner depend on the residual: the flexible one (z
+    // made conjugate to p through z . q) took as many iterations or more on
+    // the benchmark's scenes, and it would keep q through the cycle, a
+    // vector of the finest level's size more.
     beta.assign(static_cast<size_t>(columns), 0.0f);
     for (int c = 0; c < columns; c++) {
-      beta[c] = pq[c] > 0.0 ? static_cast<float>(-zq[c] / pq[c]) : 0.0f;
+      beta[c] = rz[c] > 0.0 ? static_cast<float>(rzNew[c] / rz[c]) : 0.0f;
       rz[c] = rzNew[c];
     }
     forBlocks(blocks, [&](int, int aBegin, int aEnd) {

@@ -1,6 +1,6 @@
-// Flexible conjugate gradients preconditioned by an aggregation multigrid
-// K-cycle, for the symmetric positive definite systems of CSparseGraph form.
-// Each coarse level groups the nodes of the level above by pairs matched over
+// Conjugate gradients preconditioned by an aggregation multigrid K-cycle,
+// for the symmetric positive definite systems of CSparseGraph form. Each
+// coarse level groups the nodes of the level above by pairs matched over
 // strong links (the finest level's pairs matched again, so four to a group)
 // and takes the Galerkin product as its system; on every third coarse level
 // the cycle takes two conjugate-gradient steps preconditioned by the cycle
