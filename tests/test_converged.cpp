@@ -546,6 +546,30 @@ TEST(Converged, ResultDoesNotDependOnTheThreadCount) {
         << "run " << r;
 }
 
+// The same on a graph deep enough for the K-cycle's steps, whose dot
+// products are summed block by block: five right-hand sides, small blocks.
+TEST(Converged, KCycleResultDoesNotDependOnTheThreadCount) {
+  const CGraphBuilder builder = pictureGrid(8);
+  const NConverged::CMultilevelSolver solver(builder.graph(), 4096);
+  ASSERT_GE(solver.levelCount(), 4);
+  const int columns = 5;
+  const size_t nodes = builder.mRhs.size();
+  std::vector<float> rhs(nodes * columns);
+  for (size_t i = 0; i < nodes; i++)
+    for (int c = 0; c < columns; c++) rhs[i * columns + c] = builder.mRhs[i] * static_cast<float>(c + 1) / columns;
+  const CConvergedParameters parameters;
+  const int before = omp_get_max_threads();
+  std::vector<std::vector<float>> results;
+  for (const int threads : {1, 2, 3}) {
+    omp_set_num_threads(threads);
+    results.emplace_back(rhs.size());
+    solver.solve(rhs, results.back().data(), columns, parameters.mTolerance, parameters.mMaxIterations);
+  }
+  omp_set_num_threads(before);
+  for (size_t r = 1; r < results.size(); r++)
+    EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), sizeof(float) * rhs.size()), 0) << "run " << r;
+}
+
 // A label's bits do not depend on the labels solved beside it: four or more
 // columns are worked in four-lane registers, fewer by the plain loops, and
 // every lane must do exactly the plain loop's operations.
