@@ -740,7 +740,7 @@ struct CMultilevelSolver::CWork {
   // Per level, the values other blocks read during the backward sweep; until
   // the prolongation writes them, the residual that the restriction reads.
   std::vector<std::vector<float>> mHalo;
-  // Per coarse level, the K-cycle's direction, its product and its sum.
+  // Per level that takes K steps, their direction, its product and their sum.
   std::vector<std::vector<float>> mDirection;
   std::vector<std::vector<float>> mProduct;
   std::vector<std::vector<float>> mSum;
