@@ -528,46 +528,46 @@ INSTANTIATE_TEST_SUITE_P(Converged, NearTieTest,
                          ::testing::Values(CNearTieCase{2, 65536}, CNearTieCase{4, 64}, CNearTieCase{7, 65536},
                                            CNearTieCase{7, 48}));
 
+// Runs aSolve on 1, 2, 3 and 7 threads and expects the same bits each time.
+template <typename CSolve>
+void expectSameBitsForAnyThreadCount(CSolve aSolve) {
+  const int before = omp_get_max_threads();
+  std::vector<std::vector<float>> results;
+  for (const int threads : {1, 2, 3, 7}) {
+    omp_set_num_threads(threads);
+    results.push_back(aSolve());
+  }
+  omp_set_num_threads(before);
+  for (size_t r = 1; r < results.size(); r++)
+    EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), sizeof(float) * results[0].size()), 0) << "run " << r;
+}
+
 // The threads share out fixed blocks of every level, so the bits do not
-// depend on their number, also when labels leave the solve one by one.
+// depend on their number: on a scene whose labels leave the solve one by
+// one, and on a graph deep enough for the K-cycle's steps, whose dot
+// products are summed block by block.
 TEST(Converged, ResultDoesNotDependOnTheThreadCount) {
   const CTestScene scene = nearTieScene(7);
   CConvergedParameters parameters;
   parameters.mBlockSize = 48;
-  const int before = omp_get_max_threads();
-  std::vector<CTensor<float>> results;
-  for (const int threads : {1, 2, 3, 7}) {
-    omp_set_num_threads(threads);
-    results.push_back(solveConverged(scene.image, scene.segmentations, scene.labels, scene.labelCount, parameters));
-  }
-  omp_set_num_threads(before);
-  for (size_t r = 1; r < results.size(); r++)
-    EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), sizeof(float) * results[0].size()), 0)
-        << "run " << r;
-}
+  expectSameBitsForAnyThreadCount([&] {
+    const CTensor<float> degrees =
+        solveConverged(scene.image, scene.segmentations, scene.labels, scene.labelCount, parameters);
+    return std::vector<float>(degrees.data(), degrees.data() + degrees.size());
+  });
 
-// The same on a graph deep enough for the K-cycle's steps, whose dot
-// products are summed block by block: five right-hand sides, small blocks.
-TEST(Converged, KCycleResultDoesNotDependOnTheThreadCount) {
   const CGraphBuilder builder = pictureGrid(8);
   const NConverged::CMultilevelSolver solver(builder.graph(), 4096);
   ASSERT_GE(solver.levelCount(), 4);
   const int columns = 5;
-  const size_t nodes = builder.mRhs.size();
-  std::vector<float> rhs(nodes * columns);
-  for (size_t i = 0; i < nodes; i++)
-    for (int c = 0; c < columns; c++) rhs[i * columns + c] = builder.mRhs[i] * static_cast<float>(c + 1) / columns;
-  const CConvergedParameters parameters;
-  const int before = omp_get_max_threads();
-  std::vector<std::vector<float>> results;
-  for (const int threads : {1, 2, 3}) {
-    omp_set_num_threads(threads);
-    results.emplace_back(rhs.size());
-    solver.solve(rhs, results.back().data(), columns, parameters.mTolerance, parameters.mMaxIterations);
-  }
-  omp_set_num_threads(before);
-  for (size_t r = 1; r < results.size(); r++)
-    EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), sizeof(float) * rhs.size()), 0) << "run " << r;
+  std::vector<float> rhs;
+  for (const float value : builder.mRhs)
+    for (int c = 1; c <= columns; c++) rhs.push_back(value * static_cast<float>(c) / columns);
+  expectSameBitsForAnyThreadCount([&] {
+    std::vector<float> x(rhs.size());
+    solver.solve(rhs, x.data(), columns, parameters.mTolerance, parameters.mMaxIterations);
+    return x;
+  });
 }
 
 // A label's bits do not depend on the labels solved beside it: four or more
