@@ -160,11 +160,11 @@ CSparseGraph groupNodes(const CSparseGraph& aMatrix, bool aTwice, float& aThresh
   for (int attempt = 0;; attempt++, aThreshold *= 0.5f) {
     const bool last = attempt == kThresholdHalvings;
     const int pairCount = matchPairs(aMatrix, aThreshold, true, aGroup);
-    CSparseGraph pairs = coarsen(aMatrix, aGroup, pairCount);
     if (!aTwice) {
-      if (pairCount * shrink <= aMatrix.nodeCount() || last) return pairs;
+      if (pairCount * shrink <= aMatrix.nodeCount() || last) return coarsen(aMatrix, aGroup, pairCount);
       continue;
     }
+    const CSparseGraph pairs = coarsen(aMatrix, aGroup, pairCount);
     std::vector<int> pairGroup;
     const int groups = matchPairs(pairs, aThreshold, false, pairGroup);
     for (int& g : aGroup)
